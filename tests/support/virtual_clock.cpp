@@ -1,0 +1,48 @@
+// The virtual clock behind the clock seam.
+#include "support/virtual_clock.h"
+
+#include <atomic>
+
+#include "platform/clock.h"
+
+namespace qvxtest {
+namespace {
+
+std::atomic<uint64_t> g_nowUs{0};
+std::atomic<uint64_t> g_sleepCalls{0};
+std::atomic<uint64_t> g_sleptUs{0};
+
+time_t v_time(time_t* out) {
+    const time_t t = static_cast<time_t>(g_nowUs.load() / 1000000);
+    if (out) *out = t;
+    return t;
+}
+unsigned v_sleep(unsigned seconds) {
+    g_sleepCalls++;
+    g_sleptUs += seconds * 1000000ull;
+    g_nowUs += seconds * 1000000ull;
+    return 0;
+}
+int v_usleep(useconds_t micros) {
+    g_sleepCalls++;
+    g_sleptUs += micros;
+    g_nowUs += micros;
+    return 0;
+}
+constexpr platform::ClockOps kVirtual{v_time, v_sleep, v_usleep};
+
+}  // namespace
+
+VirtualClock::VirtualClock(time_t start) {
+    g_nowUs = static_cast<uint64_t>(start) * 1000000ull;
+    g_sleepCalls = 0;
+    g_sleptUs = 0;
+    platform::set_clock(&kVirtual);
+}
+VirtualClock::~VirtualClock() { platform::set_clock(nullptr); }
+void VirtualClock::advance_us(uint64_t micros) { g_nowUs += micros; }
+time_t VirtualClock::now() const { return v_time(nullptr); }
+uint64_t VirtualClock::sleep_calls() const { return g_sleepCalls; }
+uint64_t VirtualClock::slept_us() const { return g_sleptUs; }
+
+}  // namespace qvxtest
