@@ -1,0 +1,213 @@
+// The simulated host: serves the toolgate socket, hands out host commands to the poll,
+// answers every DnD message (with handlers that tests plant), injects faults, routes
+// tool service requests, and keeps a decoded trace of every exchange.
+//
+// Typical use in a test:
+//
+//   hostsim::Host host;                       // serves <platform
+//   root>/run/quorvex/iokit/QvxPCIToolGate ASSERT_TRUE(host.start());
+//   host.queue_command(hostsim::HostCommand::drop(640, 480, /*workerId=*/7));
+//   host.set_handler(278, [](hostsim::Exchange& ex) {
+//       qvx::le::put32(ex.reply.data(), 28, 1);  // the value the drag handler reads
+//       return 0u;                               // the reply's status field
+//   });
+//   ... run the tool ...
+//   EXPECT_TRUE(host.trace().wait_for_line("guest->host 260 end worker=7", 2s));
+//   EXPECT_TRUE(host.expectations_met());
+//
+// Every member function is safe to call from any thread while the host runs.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <span>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "hostsim/toolservice_host.h"
+#include "hostsim/trace.h"
+
+namespace hostsim {
+
+// A host command handed out as the reply to the next poll (259): the command goes into
+// the reply's status field, the workerId at offset 12, and each {offset, value} pair of
+// `fields` as a u32 into the reply record (offsets 28 and above).
+struct HostCommand {
+    uint32_t command = 0;
+    uint64_t workerId = 0;
+    std::vector<std::pair<uint32_t, uint32_t>> fields;
+
+    // 200: files dragged on the host were dropped on the guest at host pixels x, y.
+    static HostCommand drop(uint32_t x, uint32_t y, uint64_t workerId);
+};
+
+// One DnD message exchange as a handler sees it.
+struct Exchange {
+    uint32_t command = 0;              // the request's command code
+    uint64_t workerId = 0;             // the request's workerId
+    uint64_t connection = 0;           // host-side connection number, from 1
+    uint64_t sequence = 0;             // 1 for the first message of this command code, 2 next, ...
+    std::span<const uint8_t> request;  // buffer 0 as sent: the record plus any data area
+    // Buffer 1, its full size. On entry it holds a default reply: zeroes, with the
+    // request's command at 0, version 2 at 4 and its workerId at 12.
+    std::span<uint8_t> reply;
+    // Leading reply bytes sent back; starts at min(2196, reply.size()). A handler that
+    // fills a data area (268, 769) raises it; values above reply.size() are clamped.
+    size_t replyWritten = 0;
+    // Toolgate completion status; a handler may set it (e.g. 0xF0000020) to fail the
+    // exchange itself. The reply record is not sent back unless it is 0.
+    uint32_t completion = 0;
+};
+
+// Returns the reply record's status field (offset 8).
+using Handler = std::function<uint32_t(Exchange& exchange)>;
+
+// What the host expects from the tool after handing out a host command: 256 after 10,
+// 260 (with the same workerId) after a host command it does not know. Met when that
+// message arrives; missed when the tool polls again first.
+struct Expectation {
+    enum class State { Pending, Met, Missed };
+    uint32_t hostCommand = 0;
+    uint64_t workerId = 0;
+    uint32_t expectedCommand = 0;
+    State state = State::Pending;
+};
+
+// Where an injected status lands: the reply record's status field (the message-level
+// result the message operations examine; for 259 it is the host command), or the
+// toolgate completion status (SendDnDCommand then fails).
+enum class FaultLevel { Reply, Completion };
+
+struct HostOptions {
+    std::string root;                         // empty: platform::root()
+    std::chrono::milliseconds pollHold{250};  // longest a poll is held open
+    bool trace = true;                        // false: keep no trace (throughput runs)
+};
+
+class Host {
+  public:
+    explicit Host(HostOptions options = {});
+    ~Host();  // stop()
+    Host(const Host&) = delete;
+    Host& operator=(const Host&) = delete;
+
+    // Creates the socket's parent folders, replaces a stale socket and starts serving.
+    // False when the socket cannot be bound. Connections are served one thread each.
+    bool start();
+    // Stops accepting, closes every connection, wakes held polls, joins all threads and
+    // removes the socket. Harmless when not running.
+    void stop();
+    const std::string& socket_path() const { return m_socketPath; }
+
+    // --- host commands -------------------------------------------------------------
+    // Queued commands are handed out in order, one per poll. A poll that finds the queue
+    // empty is held until a command is queued (answered at once) or the hold passes
+    // (answered with host command 0, workerId 0).
+    void queue_command(HostCommand command);
+    void queue_command(uint32_t command, uint64_t workerId = 0);
+    size_t queued_commands() const;
+    void set_poll_hold(std::chrono::milliseconds hold);
+
+    // --- replies ---------------------------------------------------------------------
+    // Every DnD command other than 259 is answered by its handler, else by the fallback
+    // handler, else with status 0. Handlers run on the connection's thread, concurrently
+    // for different connections; they must not call stop().
+    void set_handler(uint32_t command, Handler handler);
+    void clear_handler(uint32_t command);
+    void set_fallback_handler(Handler handler);
+
+    // --- expectations ----------------------------------------------------------------
+    std::vector<Expectation> expectations() const;
+    // True when no expectation was missed and none is still pending.
+    bool expectations_met() const;
+    // True once the tool sent 257 (it is stopping).
+    bool tool_stopped() const;
+
+    // --- faults ----------------------------------------------------------------------
+    // The `nth` message (from 1) of DnD command `command` is answered with `status`,
+    // whatever its handler or the queue would say. Once per call; several may be set.
+    void fail_nth(uint32_t command, uint64_t nth, uint32_t status,
+                  FaultLevel level = FaultLevel::Reply);
+    // While set, every request (DnD or tool service) completes with 0xF0000020.
+    void set_suspended(bool suspended);
+    // Holds the reply to the `nth` message of `command` (nth 0: every one) for `delay`.
+    void delay_reply(uint32_t command, uint64_t nth, std::chrono::milliseconds delay);
+    // The connection carrying the `n`-th request (from 1, counted over all requests and
+    // connections) is closed instead of answered. Once.
+    void close_at(uint64_t n);
+    // Closes every open connection now (the guest reconnects on its next call).
+    void drop_connections();
+
+    // --- observation -----------------------------------------------------------------
+    Trace& trace() { return m_trace; }
+    const Trace& trace() const { return m_trace; }
+    // The tool service part (request 0x8050): probe, registry and its own faults.
+    ToolServiceHost& tool_service() { return m_toolService; }
+    size_t open_connections() const;
+    // Requests received so far: all of them, and of one DnD command.
+    uint64_t request_count() const;
+    uint64_t message_count(uint32_t command) const;
+
+  private:
+    struct Connection;
+    struct DelayFault {
+        uint32_t command;
+        uint64_t nth;
+        std::chrono::milliseconds delay;
+    };
+    struct StatusFault {
+        uint32_t command;
+        uint64_t nth;
+        uint32_t status;
+        FaultLevel level;
+    };
+
+    void accept_loop();
+    void serve(std::shared_ptr<Connection> connection);
+    // Handles one request frame body; false closes the connection.
+    bool handle_frame(Connection& connection, const std::vector<uint8_t>& body);
+    uint32_t answer_poll(Exchange& exchange);
+    void note_host_command(uint32_t command, uint64_t workerId);
+    void check_expectations(uint32_t command, uint64_t workerId);
+    void record(TraceEntry entry);
+    void reap_finished();
+
+    HostOptions m_options;
+    std::string m_socketPath;
+    Trace m_trace;
+    ToolServiceHost m_toolService;
+
+    mutable std::mutex m_mutex;  // guards everything below except the atomics
+    std::condition_variable m_wake;
+    std::deque<HostCommand> m_queue;
+    std::map<uint32_t, Handler> m_handlers;
+    Handler m_fallback;
+    std::vector<Expectation> m_expectations;
+    std::vector<StatusFault> m_statusFaults;
+    std::vector<DelayFault> m_delayFaults;
+    std::vector<uint64_t> m_closeAt;
+    std::map<uint32_t, uint64_t> m_commandCounts;
+    uint64_t m_requests = 0;
+    bool m_toolStopped = false;
+    bool m_suspended = false;
+    bool m_stopping = false;
+    std::chrono::milliseconds m_pollHold;
+    std::vector<std::shared_ptr<Connection>> m_connections;
+    uint64_t m_nextConnection = 1;
+
+    int m_listenFd = -1;
+    int m_wakeFd = -1;  // eventfd that ends the accept loop
+    std::thread m_acceptThread;
+    std::atomic<bool> m_running{false};
+};
+
+}  // namespace hostsim
