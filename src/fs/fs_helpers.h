@@ -1,0 +1,28 @@
+// File-system helpers beside CHostFile: folder creation and removal, open-file and disk sizes.
+#pragma once
+
+#include <cstdint>
+
+#include "log/log.h"  // result_from_errno, kResultFailure, kResultAccessDenied
+
+namespace qvx {
+
+// mkdir with mode 0777 (the umask applies); on failure `result` is set as
+// result_from_errno does. Logs nothing.
+bool make_directory(const char* path, uint32_t* result = nullptr);
+
+// Removes a folder and everything below it, depth first, stopping at the first failure
+// (what was removed stays removed). Works through descriptors of the folders it has open and
+// never follows a symbolic link: a link inside the tree is unlinked, and a link given as
+// `path` is unlinked itself. A path that is neither a folder nor a link gives false and is
+// left alone. Logs nothing.
+bool remove_tree(const char* path);
+
+// Bytes in an open file; for a block or character device the disk's block count times block
+// size. All-ones when unknown.
+uint64_t get_open_file_size(int fd);
+
+// The disk's block size and total bytes; false (both 0) when the driver can't tell.
+bool get_device_geometry(int fd, uint64_t* totalBytes, uint64_t* blockSize);
+
+}  // namespace qvx
