@@ -36,6 +36,10 @@
 #include "hostsim/toolservice_host.h"
 #include "hostsim/trace.h"
 
+namespace toolgate {
+struct RequestView;
+}
+
 namespace hostsim {
 
 // A host command handed out as the reply to the next poll (259): the command goes into
@@ -173,12 +177,17 @@ class Host {
 
     void accept_loop();
     void serve(std::shared_ptr<Connection> connection);
-    // Handles one request frame body; false closes the connection.
-    bool handle_frame(Connection& connection, const std::vector<uint8_t>& body);
+    // Handles one request frame body; false closes the connection, with `reason` set.
+    bool handle_frame(Connection& connection, const std::vector<uint8_t>& body,
+                      std::string& reason);
+    // One DnD exchange: fills the reply buffer and returns the completion status.
+    uint32_t handle_dnd(Connection& connection, const toolgate::RequestView& request,
+                        std::vector<uint8_t>& reply, uint32_t& replyWritten, bool suspended);
     uint32_t answer_poll(Exchange& exchange);
-    void note_host_command(uint32_t command, uint64_t workerId);
-    void check_expectations(uint32_t command, uint64_t workerId);
+    void note_host_command(uint32_t command, uint64_t workerId, uint64_t connection);
+    void check_expectations(uint32_t command, uint64_t workerId, uint64_t connection);
     void record(TraceEntry entry);
+    void record_note(std::string line, uint64_t connection = 0);
     void reap_finished();
 
     HostOptions m_options;

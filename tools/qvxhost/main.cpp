@@ -1,1 +1,118 @@
-int main() { return 0; }
+// qvxhost: runs the simulated host on a platform root until SIGINT or SIGTERM.
+#include <signal.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "hostsim/host.h"
+
+namespace {
+
+bool parse_u64(const std::string& text, uint64_t& out) {
+    if (text.empty()) return false;
+    char* end = nullptr;
+    errno = 0;
+    out = std::strtoull(text.c_str(), &end, 0);
+    return errno == 0 && end && *end == '\0';
+}
+
+std::vector<std::string> split(const std::string& text) {
+    std::vector<std::string> parts;
+    size_t start = 0;
+    for (;;) {
+        const size_t colon = text.find(':', start);
+        parts.push_back(text.substr(start, colon - start));
+        if (colon == std::string::npos) return parts;
+        start = colon + 1;
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"Simulated host for the Quorvex drag-and-drop tool"};
+    const char* env = std::getenv("QVX_PLATFORM_ROOT");
+    std::string root = (env && *env) ? env : "/";
+    bool trace = false;
+    bool suspend = false;
+    std::vector<std::string> commands;
+    std::vector<std::string> fails;
+    int64_t pollHoldMs = 250;
+    uint64_t closeAt = 0;
+    unsigned busyProbes = 0;
+    uint64_t probeStatus = 0;
+    app.add_option("--root", root, "Platform root (default: $QVX_PLATFORM_ROOT or /)");
+    app.add_flag("--trace", trace, "Print each exchange as it happens");
+    app.add_option("--command", commands, "Queue a host command CODE[:WORKER] (repeatable)");
+    app.add_option("--poll-hold-ms", pollHoldMs, "Longest a poll is held open")
+        ->check(CLI::NonNegativeNumber);
+    app.add_option("--fail", fails,
+                   "Answer status STATUS to the N-th message of command CMD: CMD:N:STATUS, "
+                   "or CMD:N:STATUS:completion for the toolgate status (repeatable)");
+    app.add_flag("--suspend", suspend, "Report the toolgate suspended");
+    app.add_option("--close-at", closeAt, "Close the connection at request N");
+    app.add_option("--busy-probes", busyProbes, "Answer the first N tool service probes busy");
+    app.add_option("--probe-status", probeStatus, "Status of every tool service probe");
+    CLI11_PARSE(app, argc, argv);
+
+    // Block the stop signals before any thread starts, so only sigwait below sees them.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+    hostsim::HostOptions options;
+    options.root = root;
+    options.pollHold = std::chrono::milliseconds(pollHoldMs);
+    hostsim::Host host(options);
+
+    for (const auto& c : commands) {
+        const auto parts = split(c);
+        uint64_t code = 0, worker = 0;
+        if (parts.size() > 2 || !parse_u64(parts[0], code) ||
+            (parts.size() == 2 && !parse_u64(parts[1], worker))) {
+            std::fprintf(stderr, "qvxhost: bad --command %s\n", c.c_str());
+            return 2;
+        }
+        host.queue_command(static_cast<uint32_t>(code), worker);
+    }
+    for (const auto& f : fails) {
+        const auto parts = split(f);
+        uint64_t cmd = 0, nth = 0, status = 0;
+        const bool completion = parts.size() == 4 && parts[3] == "completion";
+        if ((parts.size() != 3 && !completion) || !parse_u64(parts[0], cmd) ||
+            !parse_u64(parts[1], nth) || !parse_u64(parts[2], status)) {
+            std::fprintf(stderr, "qvxhost: bad --fail %s\n", f.c_str());
+            return 2;
+        }
+        host.fail_nth(static_cast<uint32_t>(cmd), nth, static_cast<uint32_t>(status),
+                      completion ? hostsim::FaultLevel::Completion : hostsim::FaultLevel::Reply);
+    }
+    if (suspend) host.set_suspended(true);
+    if (closeAt) host.close_at(closeAt);
+    host.tool_service().set_busy_probes(busyProbes);
+    host.tool_service().set_probe_status(static_cast<uint32_t>(probeStatus));
+    if (trace) {
+        host.trace().set_listener([](const hostsim::TraceEntry& entry) {
+            std::fprintf(stdout, "%s\n", entry.line.c_str());
+            std::fflush(stdout);
+        });
+    }
+
+    if (!host.start()) {
+        std::fprintf(stderr, "qvxhost: cannot serve %s\n", host.socket_path().c_str());
+        return 1;
+    }
+    int signal = 0;
+    while (sigwait(&stopSignals, &signal) != 0) {
+    }
+    host.stop();
+    return 0;
+}
