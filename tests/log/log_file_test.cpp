@@ -1,0 +1,204 @@
+// Tests of the log file: default folders, fallback, reopening after removal and banner.
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <ctime>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "build_info.h"
+#include "log/log.h"
+#include "support/temp_dir.h"
+
+extern char** environ;
+
+namespace {
+
+using qvxtest::TempDir;
+
+constexpr const char kChildScenario[] = "QVX_LOG_TEST_SCENARIO";
+
+// The platform root is read once per process, so it must point into a private folder
+// before the first line; a default folder left unset would reach the real machine.
+TempDir& sandbox() {
+    static TempDir dir;
+    return dir;
+}
+
+const bool g_sandboxReady = [] {
+    if (std::getenv(kChildScenario) != nullptr) return true;  // the parent chose them
+    setenv("QVX_PLATFORM_ROOT", (sandbox() / "root").c_str(), 1);
+    setenv("HOME", (sandbox() / "home").c_str(), 1);
+    return true;
+}();
+
+bool exists(const std::string& path) {
+    struct stat info {};
+    return stat(path.c_str(), &info) == 0;
+}
+
+mode_t permissions(const std::string& path) {
+    struct stat info {};
+    return stat(path.c_str(), &info) == 0 ? (info.st_mode & 07777) : 0;
+}
+
+void wait_for_next_second() {
+    time_t start = time(nullptr);
+    while (time(nullptr) == start) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+}
+
+// Runs one LogScenario test in a fresh process, whose log state and platform root are
+// its own; returns its exit status.
+int run_scenario(const std::string& name, const std::string& root, const std::string& home) {
+    std::string filter = "--gtest_filter=LogScenario." + name;
+    std::string self = "/proc/self/exe";
+    char* argv[] = {self.data(), filter.data(), nullptr};
+    std::vector<std::string> env = {std::string(kChildScenario) + "=" + name,
+                                    "QVX_PLATFORM_ROOT=" + root, "HOME=" + home};
+    for (char** e = environ; *e != nullptr; ++e) {
+        std::string entry = *e;
+        if (entry.rfind("QVX_PLATFORM_ROOT=", 0) != 0 && entry.rfind("HOME=", 0) != 0 &&
+            entry.rfind(kChildScenario, 0) != 0)
+            env.push_back(entry);
+    }
+    std::vector<char*> envp;
+    for (auto& entry : env) envp.push_back(entry.data());
+    envp.push_back(nullptr);
+    pid_t pid = 0;
+    if (posix_spawn(&pid, self.c_str(), nullptr, nullptr, argv, envp.data()) != 0) return -1;
+    int status = 0;
+    if (waitpid(pid, &status, 0) != pid) return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+bool in_scenario(const char* name) {
+    const char* scenario = std::getenv(kChildScenario);
+    return scenario != nullptr && std::string(scenario) == name;
+}
+
+// Scenario bodies run only inside the process that run_scenario starts.
+TEST(LogScenario, MachineWideFolder) {
+    if (!in_scenario("MachineWideFolder")) GTEST_SKIP() << "runs in its own process";
+    std::string logs = std::string(std::getenv("QVX_PLATFORM_ROOT")) + "/Library/Logs";
+    umask(077);
+    qvx::log_message("DNDTOOL", "qvxdragdrop", 0, "first line");
+    EXPECT_EQ(std::string(qvx::log_directory()), logs);
+    EXPECT_EQ(std::string(qvx::log_file_path()), logs + "/quorvex.log");
+    EXPECT_EQ(permissions(logs + "/quorvex.log"), 0666u);
+    EXPECT_NE(qvxtest::read_file(logs + "/quorvex.log").find("first line"), std::string::npos);
+    EXPECT_FALSE(exists(std::string(std::getenv("HOME")) + "/Library"));
+}
+
+TEST(LogScenario, FallbackToUserFolder) {
+    if (!in_scenario("FallbackToUserFolder")) GTEST_SKIP() << "runs in its own process";
+    std::string machineLogs = std::string(std::getenv("QVX_PLATFORM_ROOT")) + "/Library/Logs";
+    std::string userLog = std::string(std::getenv("HOME")) + "/Library/Logs/quorvex.log";
+    qvx::log_message("", "c", 0, "to the user folder");
+    EXPECT_EQ(std::string(qvx::log_file_path()), userLog);
+    EXPECT_NE(qvxtest::read_file(userLog).find("to the user folder"), std::string::npos);
+
+    // Once the machine-wide folder works again, the log still does not go back to it.
+    ASSERT_EQ(unlink(machineLogs.c_str()), 0);
+    ASSERT_EQ(mkdir(machineLogs.c_str(), 0777), 0);
+    ASSERT_EQ(unlink(userLog.c_str()), 0);
+    wait_for_next_second();
+    qvx::log_message("", "c", 0, "still the user folder");
+    EXPECT_NE(qvxtest::read_file(userLog).find("still the user folder"), std::string::npos);
+    EXPECT_FALSE(exists(machineLogs + "/quorvex.log"));
+}
+
+TEST(LogFile, DefaultIsTheMachineWideLibraryLogsFolder) {
+    TempDir dir;
+    qvxtest::make_dirs(dir / "root/Library/Logs");
+    ASSERT_EQ(run_scenario("MachineWideFolder", dir / "root", dir / "home"), 0);
+}
+
+TEST(LogFile, UnwritableMachineWideFolderSendsLinesToTheUserFolderForGood) {
+    TempDir dir;
+    // A file where the folder should be makes every open under it fail, even for root.
+    qvxtest::write_file(dir / "root/Library/Logs", "not a folder");
+    ASSERT_EQ(run_scenario("FallbackToUserFolder", dir / "root", dir / "home"), 0);
+    EXPECT_TRUE(exists(dir / "home/Library/Logs/quorvex.log"));
+}
+
+TEST(LogFile, RemovedFileIsRecreatedWithinASecondWithSharedMode) {
+    TempDir dir;
+    qvx::log_set_directory(dir.path().c_str(), "quorvex.log");
+    std::string path = dir / "quorvex.log";
+    mode_t savedMask = umask(077);
+    qvx::log_message("", "c", 0, "before removal");
+    ASSERT_EQ(permissions(path), 0666u);
+    ASSERT_EQ(unlink(path.c_str()), 0);
+
+    auto removedAt = std::chrono::steady_clock::now();
+    int line = 0;
+    while (!exists(path) &&
+           std::chrono::steady_clock::now() - removedAt < std::chrono::seconds(3)) {
+        qvx::log_message("", "c", 0, "after removal %d", line++);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    umask(savedMask);
+    ASSERT_TRUE(exists(path));
+    EXPECT_LT(std::chrono::steady_clock::now() - removedAt, std::chrono::milliseconds(1500));
+    EXPECT_EQ(permissions(path), 0666u);
+    EXPECT_NE(qvxtest::read_file(path).find("after removal"), std::string::npos);
+}
+
+TEST(LogFile, SetDirectoryMovesTheNextLineAndClearsTheFallback) {
+    TempDir first;
+    TempDir second;
+    qvx::log_set_directory(first.path().c_str(), "a.log");
+    qvx::log_message("", "c", 0, "one");
+    qvx::log_set_directory(second.path().c_str(), "b.log");
+    EXPECT_EQ(std::string(qvx::log_file_path()), second / "b.log");
+    EXPECT_EQ(std::string(qvx::log_directory()), second.path());
+    qvx::log_message("", "c", 0, "two");
+    std::string a = qvxtest::read_file(first / "a.log");
+    std::string b = qvxtest::read_file(second / "b.log");
+    EXPECT_NE(a.find("one"), std::string::npos);
+    EXPECT_EQ(a.find("two"), std::string::npos);
+    EXPECT_NE(b.find("two"), std::string::npos);
+}
+
+TEST(LogFile, HeaderBanner) {
+    TempDir dir;
+    qvx::log_set_directory(dir.path().c_str(), "quorvex.log");
+    qvx::log_write_header();
+    std::istringstream in(qvxtest::read_file(dir / "quorvex.log"));
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    const std::string stars = "* * * * * * * * * * * * * * * * * * * * * * * * * * * * * * * * * *";
+    ASSERT_EQ(stars.size() + 1, 68u);
+    std::vector<std::string> expected = {
+        stars,
+        "* Quorvex Virtualization System Log File",
+        "*",
+        "* Product information Quorvex",
+        std::string("* Build information ") + QVX_VERSION_STRING + " " + QVX_BUILD_DATE,
+        "*",
+        "",  // time, checked below
+        "*",
+        "* Operating System macOS",
+        stars,
+        ""};
+    ASSERT_EQ(lines.size(), expected.size());
+    for (size_t i = 0; i < lines.size(); ++i) {
+        if (i == 6) {
+            EXPECT_TRUE(
+                std::regex_match(lines[i], std::regex(R"(\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} )")))
+                << lines[i];
+        } else {
+            EXPECT_EQ(lines[i], expected[i]) << "line " << i;
+        }
+    }
+}
+
+}  // namespace
