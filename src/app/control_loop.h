@@ -1,0 +1,41 @@
+// The control thread: registers the tool, polls the host for commands and dispatches them.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "channel/message_ops.h"
+#include "toolservice/registration.h"
+
+namespace qvx {
+
+inline constexpr const char* kToolIdentifier = "quorvex.DragDropTool.guest.mac";
+inline constexpr const char* kToolDisplayName = "DnD tool";
+
+// Set once by the stop sequence; the control loop only reads it.
+extern std::atomic<bool> g_stopFlag;
+
+// What the loop calls beyond the message operations, replaceable by tests.
+struct ControlLoopHooks {
+    bool (*hostToGuestDrag)(DnDContext context, int x, int y);
+    void (*guestToHostDrag)(DnDContext context);
+    double (*scaleFactor)();
+    int32_t (*registerTool)(const char* identifier, const char* displayName, const ToolInfo* info,
+                            const char* text, const void* data, uint32_t dataLength);
+    int32_t (*unregisterTool)(const char* identifier);
+};
+// The real drag handlers, backing_scale_factor and the tool service registration.
+ControlLoopHooks default_control_loop_hooks();
+
+// The loop itself: runs until it sees the stop flag, then sends 257 and unregisters.
+void RunControlLoop(CommonMacCommunicator* communicator, const SendFunction& send,
+                    const ControlLoopHooks& hooks);
+
+// Thread entry: `arg` is the communicator; talks to the host through SendDnDCommand.
+void* ControlThread(void* arg);
+
+// The drop point of host command 200: host pixels divided by the scale factor, truncated
+// toward zero and kept within int (the host's values are not trusted).
+int host_pixels_to_points(uint32_t pixels, double scale);
+
+}  // namespace qvx
