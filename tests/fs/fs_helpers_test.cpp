@@ -1,0 +1,189 @@
+// Folder creation and tree removal, open-file and device sizes.
+#include "fs/fs_helpers.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+
+#include "support/fault_scope.h"
+#include "support/temp_dir.h"
+
+using platform::Sys;
+using qvxtest::FaultScope;
+using qvxtest::TempDir;
+
+namespace {
+
+bool exists(const std::string& path) {
+    struct stat st {};
+    return ::lstat(path.c_str(), &st) == 0;
+}
+
+int entries(const std::string& folder) {
+    int n = 0;
+    if (DIR* d = ::opendir(folder.c_str())) {
+        while (const dirent* e = ::readdir(d)) n += e->d_name[0] != '.';
+        ::closedir(d);
+    }
+    return n;
+}
+
+}  // namespace
+
+TEST(MakeDirectory, CreatesAndReportsFailure) {
+    TempDir dir;
+    const std::string path = dir / "d";
+    uint32_t result = 0;
+    EXPECT_TRUE(qvx::make_directory(path.c_str(), &result));
+    EXPECT_EQ(result, 0u);
+    EXPECT_FALSE(qvx::make_directory(path.c_str(), &result));
+    EXPECT_EQ(result, qvx::kResultFailure);
+    EXPECT_FALSE(qvx::make_directory((dir / "a/b").c_str(), nullptr));
+}
+
+TEST(RemoveTree, RemovesFoldersAndRefusesFiles) {
+    TempDir dir;
+    qvxtest::make_dirs(dir / "empty");
+    EXPECT_TRUE(qvx::remove_tree((dir / "empty").c_str()));
+    EXPECT_FALSE(exists(dir / "empty"));
+
+    qvxtest::write_file(dir / "file", "keep");
+    EXPECT_FALSE(qvx::remove_tree((dir / "file").c_str()));
+    EXPECT_EQ(qvxtest::read_file(dir / "file"), "keep");
+    EXPECT_FALSE(qvx::remove_tree((dir / "missing").c_str()));
+
+    qvxtest::write_file(dir / "tree/a/b/c/deep", "1");
+    qvxtest::write_file(dir / "tree/a/x", "2");
+    qvxtest::make_dirs(dir / "tree/empty");
+    ASSERT_EQ(::mkfifo((dir / "tree/a/fifo").c_str(), 0600), 0);
+    EXPECT_TRUE(qvx::remove_tree((dir / "tree").c_str()));
+    EXPECT_FALSE(exists(dir / "tree"));
+}
+
+TEST(RemoveTree, RemovesLinksAsLinksAndNeverFollowsThem) {
+    TempDir dir;
+    qvxtest::write_file(dir / "outside/precious", "data");
+    qvxtest::write_file(dir / "tree/sub/f", "x");
+    ASSERT_EQ(::symlink((dir / "outside").c_str(), (dir / "tree/dirlink").c_str()), 0);
+    ASSERT_EQ(::symlink((dir / "outside").c_str(), (dir / "tree/sub/dirlink").c_str()), 0);
+    ASSERT_EQ(::symlink((dir / "outside/precious").c_str(), (dir / "tree/filelink").c_str()), 0);
+    ASSERT_EQ(::symlink("nowhere", (dir / "tree/dangling").c_str()), 0);
+
+    EXPECT_TRUE(qvx::remove_tree((dir / "tree").c_str()));
+    EXPECT_FALSE(exists(dir / "tree"));
+    EXPECT_EQ(qvxtest::read_file(dir / "outside/precious"), "data");
+
+    // A link handed over as the folder itself goes; its target stays.
+    ASSERT_EQ(::symlink((dir / "outside").c_str(), (dir / "top").c_str()), 0);
+    EXPECT_TRUE(qvx::remove_tree((dir / "top").c_str()));
+    EXPECT_FALSE(exists(dir / "top"));
+    EXPECT_EQ(qvxtest::read_file(dir / "outside/precious"), "data");
+}
+
+TEST(RemoveTree, StopsAtFirstEntryThatCannotBeRemoved) {
+    TempDir dir;
+    for (const char* name : {"a", "b", "c", "d", "e"}) qvxtest::write_file(dir / "t/" + name, name);
+    FaultScope faults;
+    const int fds = qvxtest::open_fd_count();
+    platform::fault_inject(Sys::unlinkat, 3, EPERM);
+    EXPECT_FALSE(qvx::remove_tree((dir / "t").c_str()));
+    // readdir order is the file system's: two entries went before the refusal, three stay.
+    EXPECT_EQ(entries(dir / "t"), 3);
+    EXPECT_EQ(qvxtest::open_fd_count(), fds);
+    platform::fault_clear();
+    EXPECT_TRUE(qvx::remove_tree((dir / "t").c_str()));
+}
+
+// Every call of a nested removal failing in turn: each failed run holds no descriptor, and a
+// clean retry finishes the job.
+TEST(RemoveTree, SurvivesAFaultAtEveryCall) {
+    TempDir dir;
+    const std::string root = dir / "t";
+    auto build = [&] {
+        qvxtest::write_file(root + "/f", "1");
+        qvxtest::write_file(root + "/sub/g", "2");
+        qvxtest::write_file(root + "/sub/deeper/h", "3");
+        if (!exists(root + "/link")) ::symlink(dir.path().c_str(), (root + "/link").c_str());
+    };
+    FaultScope faults;
+    const int fds = qvxtest::open_fd_count();
+    const int runs = qvxtest::fault_sweep(Sys::any, EIO, [&](int n) {
+        build();
+        const bool removed = qvx::remove_tree(root.c_str());
+        if (platform::fault_fired() && !removed) {
+            EXPECT_TRUE(exists(root)) << "call " << n;
+            platform::fault_clear();
+            EXPECT_TRUE(qvx::remove_tree(root.c_str())) << "call " << n;
+        }
+        EXPECT_FALSE(exists(root)) << "call " << n;
+        EXPECT_EQ(qvxtest::open_fd_count(), fds) << "call " << n;
+    });
+    EXPECT_GT(runs, 10);
+}
+
+TEST(OpenFileSize, MeasuresFilesPipesAndDevices) {
+    TempDir dir;
+    qvxtest::write_file(dir / "f", std::string(12345, 'z'));
+    const int fd = ::open((dir / "f").c_str(), O_RDONLY);
+    ASSERT_NE(fd, -1);
+    EXPECT_EQ(qvx::get_open_file_size(fd), 12345u);
+    uint64_t total = 1, block = 1;
+    EXPECT_FALSE(qvx::get_device_geometry(fd, &total, &block));
+    EXPECT_EQ(total, 0u);
+    EXPECT_EQ(block, 0u);
+    {
+        FaultScope faults;
+        platform::fault_inject(Sys::fstat, 1, EIO);
+        EXPECT_EQ(qvx::get_open_file_size(fd), UINT64_MAX);
+    }
+    ::close(fd);
+
+    int pipeFds[2];
+    ASSERT_EQ(::pipe(pipeFds), 0);
+    ASSERT_EQ(::write(pipeFds[1], "abc", 3), 3);
+    struct stat st {};
+    ASSERT_EQ(::fstat(pipeFds[0], &st), 0);
+    EXPECT_EQ(qvx::get_open_file_size(pipeFds[0]), static_cast<uint64_t>(st.st_size));
+    ::close(pipeFds[0]);
+    ::close(pipeFds[1]);
+
+    // A character device that is no disk can't tell its size.
+    const int null = ::open("/dev/null", O_RDONLY);
+    ASSERT_NE(null, -1);
+    EXPECT_EQ(qvx::get_open_file_size(null), UINT64_MAX);
+    ::close(null);
+}
+
+TEST(OpenFileSize, BlockDeviceIsBlockCountTimesBlockSize) {
+    int dev = -1;
+    for (const char* name : {"/dev/vda", "/dev/sda", "/dev/nvme0n1", "/dev/zram0", "/dev/loop0"}) {
+        struct stat st {};
+        if (::stat(name, &st) == 0 && S_ISBLK(st.st_mode) &&
+            (dev = ::open(name, O_RDONLY | O_CLOEXEC)) != -1)
+            break;
+    }
+    if (dev == -1) GTEST_SKIP() << "no block device can be opened here";
+    uint64_t bytes = 0;
+    int sector = 0;
+    ASSERT_EQ(::ioctl(dev, BLKGETSIZE64, &bytes), 0);
+    ASSERT_EQ(::ioctl(dev, BLKSSZGET, &sector), 0);
+    const uint64_t expected = bytes / static_cast<uint64_t>(sector) * static_cast<uint64_t>(sector);
+    EXPECT_EQ(qvx::get_open_file_size(dev), expected);
+    uint64_t total = 0, block = 0;
+    ASSERT_TRUE(qvx::get_device_geometry(dev, &total, &block));
+    EXPECT_EQ(block, static_cast<uint64_t>(sector));
+    EXPECT_EQ(total, expected);
+    {
+        FaultScope faults;
+        platform::fault_inject(Sys::ioctl, 2, EIO);
+        EXPECT_EQ(qvx::get_open_file_size(dev), UINT64_MAX);
+    }
+    ::close(dev);
+}
