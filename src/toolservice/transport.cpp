@@ -21,10 +21,10 @@ namespace {
 // uses the difference to retry a call the host never completed.
 constexpr uint32_t kCallOk = 0;
 constexpr uint32_t kCallFailed = 0x80004005;
-// The request was dropped before the host completed it (the connection went away);
-// the next call reconnects, so one more try can succeed.
+// The request never reached the host (the connection was gone before it went out); the
+// next call opens a fresh one, so one more try is safe.
 constexpr uint32_t kCallCancelled = 0x800704D5;
-// The driver or its service is gone; trying again cannot help.
+// The connection broke while the host had the request; the host may have acted on it.
 constexpr uint32_t kCallAborted = 0x800703E3;
 
 // A busy host is asked again after a short pause, but not forever: the control thread
@@ -59,9 +59,8 @@ uint32_t driver_call(io_connect_t connection, uint8_t* request) {
     kern_return_t kr =
         IOConnectCallStructMethod(connection, 0, &address, sizeof address, nullptr, nullptr);
     if (kr == kIOReturnSuccess) return kCallOk;
-    if (kr == kIOReturnAborted) return kCallCancelled;
-    if (kr == kIOReturnNoDevice || kr == kIOReturnNotAttached || kr == kIOReturnNotOpen)
-        return kCallAborted;
+    if (kr == kIOReturnNotAttached) return kCallCancelled;
+    if (kr == kIOReturnIOError || kr == kIOReturnAborted) return kCallAborted;
     return kCallFailed;
 }
 
