@@ -1,0 +1,178 @@
+// Tests of the simulated host: the held poll, expectations, faults, the trace, and
+// surviving broken frames on one connection while serving another.
+#include "hostsim/host.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "channel/communicator.h"
+#include "channel/dnd_message.h"
+#include "common/byte_order.h"
+#include "support/private_root.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+namespace dnd = qvx::dnd;
+namespace le = qvx::le;
+
+class HostTest : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() { qvxtest::private_platform_root(); }
+    void SetUp() override {
+        host.set_poll_hold(100ms);
+        ASSERT_TRUE(host.start());
+        comm = std::make_unique<qvx::CommonMacCommunicator>();
+        ASSERT_NE(comm->handle(), 0u);
+    }
+
+    // Sends one record; returns the reply, or an empty vector when the exchange failed.
+    std::vector<uint8_t> exchange(uint32_t command, uint64_t workerId = 0) {
+        std::vector<uint8_t> out(dnd::kMessageSize), reply(dnd::kMessageSize);
+        dnd::init_message(out.data(), out.size(), command, workerId);
+        if (command == dnd::kCmdMoveMouse) {
+            le::put32(out.data(), dnd::kOffPointerX, 100);
+            le::put32(out.data(), dnd::kOffPointerY, 200);
+            le::put32(out.data(), dnd::kOffPointerButtons, 1);
+        }
+        if (!qvx::SendDnDCommand(comm.get(), out.data(), dnd::kMessageSize, reply.data(),
+                                 dnd::kMessageSize))
+            return {};
+        return reply;
+    }
+
+    hostsim::Host host;
+    std::unique_ptr<qvx::CommonMacCommunicator> comm;
+};
+
+TEST_F(HostTest, PollIsHeldThenAnsweredWithZeroOrAtOnceWithAQueuedCommand) {
+    auto start = std::chrono::steady_clock::now();
+    auto reply = exchange(dnd::kCmdPoll);
+    ASSERT_FALSE(reply.empty());
+    EXPECT_EQ(dnd::status(reply.data()), 0u);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 90ms);
+
+    host.set_poll_hold(5s);
+    std::thread late([&] {
+        std::this_thread::sleep_for(50ms);
+        host.queue_command(hostsim::HostCommand::drop(640, 480, 7));
+    });
+    start = std::chrono::steady_clock::now();
+    reply = exchange(dnd::kCmdPoll);
+    late.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+    ASSERT_FALSE(reply.empty());
+    EXPECT_EQ(dnd::status(reply.data()), 200u);
+    EXPECT_EQ(dnd::worker_id(reply.data()), 7u);
+    EXPECT_EQ(le::get32(reply.data(), dnd::kOffPointerX), 640u);
+    EXPECT_EQ(le::get32(reply.data(), dnd::kOffPointerY), 480u);
+    EXPECT_TRUE(host.trace().contains("guest->host 259 poll worker=0"));
+    EXPECT_TRUE(host.trace().contains("host->guest 259 status=200 worker=7 x=640 y=480"));
+}
+
+TEST_F(HostTest, ExpectationsAreMetByTheRightAnswerAndMissedByAnEarlyPoll) {
+    host.queue_command(10);
+    host.queue_command(77, 5);
+    host.queue_command(78, 6);
+    EXPECT_EQ(dnd::status(exchange(dnd::kCmdPoll).data()), 10u);
+    exchange(dnd::kCmdToolActive);
+    EXPECT_EQ(dnd::status(exchange(dnd::kCmdPoll).data()), 77u);
+    exchange(dnd::kCmdEnd, 4);  // wrong workerId: not the answer
+    exchange(dnd::kCmdEnd, 5);
+    EXPECT_TRUE(host.expectations_met());
+    EXPECT_EQ(dnd::status(exchange(dnd::kCmdPoll).data()), 78u);
+    EXPECT_FALSE(host.expectations_met());  // pending
+    exchange(dnd::kCmdPoll);  // 78 was never answered
+    exchange(dnd::kCmdToolStops);
+
+    const auto e = host.expectations();
+    ASSERT_EQ(e.size(), 3u);
+    EXPECT_EQ(e[0].state, hostsim::Expectation::State::Met);
+    EXPECT_EQ(e[1].state, hostsim::Expectation::State::Met);
+    EXPECT_EQ(e[2].state, hostsim::Expectation::State::Missed);
+    EXPECT_FALSE(host.expectations_met());
+    EXPECT_TRUE(host.tool_stopped());
+    EXPECT_TRUE(host.trace().contains("expectation met: 256 after host command 10 worker=0"));
+    EXPECT_TRUE(host.trace().contains("expectation missed: 260 after host command 78 worker=6"));
+}
+
+TEST_F(HostTest, FaultsHitExactlyTheNthMessageAndHandlersShapeReplies) {
+    host.fail_nth(dnd::kCmdMoveMouse, 2, 9);
+    host.fail_nth(dnd::kCmdPoll, 1, 0xF0000025, hostsim::FaultLevel::Completion);
+    host.set_handler(dnd::kCmdQueryPrepare, [](hostsim::Exchange& ex) {
+        le::put32(ex.reply.data(), dnd::kOffPrepareValue, 3);
+        return 0u;
+    });
+    EXPECT_EQ(dnd::status(exchange(dnd::kCmdMoveMouse).data()), 0u);
+    EXPECT_EQ(dnd::status(exchange(dnd::kCmdMoveMouse).data()), 9u);
+    EXPECT_EQ(dnd::status(exchange(dnd::kCmdMoveMouse).data()), 0u);
+    EXPECT_TRUE(exchange(dnd::kCmdPoll).empty());
+    EXPECT_EQ(le::get32(exchange(dnd::kCmdQueryPrepare).data(), dnd::kOffPrepareValue), 3u);
+
+    host.delay_reply(dnd::kCmdDataEnd, 0, 150ms);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(exchange(dnd::kCmdDataEnd).empty());
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 140ms);
+
+    EXPECT_TRUE(host.trace().contains("guest->host 275 move-mouse worker=0 x=100 y=200 buttons=1"));
+    EXPECT_TRUE(host.trace().contains("host->guest 275 status=9 worker=0"));
+    EXPECT_TRUE(host.trace().contains("host->guest 259 completion=0xf0000025"));
+}
+
+int raw_connect(const std::string& path) {
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strcpy(addr.sun_path, path.c_str());
+    EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+    return fd;
+}
+
+// Sends bytes and waits until the host hangs up on this connection.
+bool host_hangs_up(const std::string& path, const std::vector<uint8_t>& bytes, bool halfClose) {
+    const int fd = raw_connect(path);
+    EXPECT_EQ(send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(bytes.size()));
+    if (halfClose) shutdown(fd, SHUT_WR);
+    uint8_t buf[64];
+    timeval tv{2, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+    const ssize_t n = read(fd, buf, sizeof(buf));
+    close(fd);
+    return n == 0;
+}
+
+TEST_F(HostTest, BrokenFramesCloseTheirConnectionWhileOthersAreServed) {
+    std::vector<uint8_t> oversized(8);
+    le::put32(oversized.data(), 0, (16u << 20) + 1);
+    std::vector<uint8_t> count17(12);
+    le::put32(count17.data(), 0, 8);
+    le::put32(count17.data(), 4, 0x8304);
+    le::put32(count17.data(), 8, 17);
+    std::vector<uint8_t> garbage(300);
+    for (size_t i = 0; i < garbage.size(); ++i) garbage[i] = static_cast<uint8_t>(i * 37 + 1);
+    le::put32(garbage.data(), 0, 296);
+    std::vector<uint8_t> truncated(100, 0);
+    le::put32(truncated.data(), 0, 2000);
+
+    EXPECT_TRUE(host_hangs_up(host.socket_path(), oversized, false));
+    EXPECT_FALSE(exchange(dnd::kCmdToolActive).empty());
+    EXPECT_TRUE(host_hangs_up(host.socket_path(), count17, false));
+    EXPECT_TRUE(host_hangs_up(host.socket_path(), garbage, false));
+    EXPECT_TRUE(host_hangs_up(host.socket_path(), truncated, true));
+    EXPECT_FALSE(exchange(dnd::kCmdToolActive).empty());
+    EXPECT_TRUE(host.trace().contains("malformed frame (length over 16 MiB)"));
+    EXPECT_TRUE(host.trace().contains("short frame"));
+    EXPECT_EQ(host.message_count(dnd::kCmdToolActive), 2u);
+}
+
+}  // namespace
