@@ -1,0 +1,210 @@
+// The real qvxdragdrop process in a private platform root, against the simulated host.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <optional>
+#include <thread>
+
+#include "hostsim/host.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+bool exists(const std::string& path) {
+    return ::access(path.c_str(), F_OK) == 0;
+}
+
+// A private simulated Mac: platform root with a log folder and a home of its own.
+class ToolProcessTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        qvxtest::make_dirs(m_root / "Library/Logs");
+        qvxtest::make_dirs(m_root / "home");
+    }
+    void TearDown() override {
+        if (m_pid > 0) {
+            ::kill(m_pid, SIGKILL);
+            ::waitpid(m_pid, nullptr, 0);
+        }
+    }
+
+    void set_platform(const std::string& json) {
+        qvxtest::write_file(m_root / "etc/quorvex/platform.json", json);
+    }
+    std::unique_ptr<hostsim::Host> start_host() {
+        hostsim::HostOptions options;
+        options.root = m_root.path();
+        auto host = std::make_unique<hostsim::Host>(options);
+        EXPECT_TRUE(host->start());
+        return host;
+    }
+
+    void spawn() {
+        // Built before fork: only exec may run in the child of a threaded process.
+        const std::string rootVar = "QVX_PLATFORM_ROOT=" + m_root.path();
+        const std::string homeVar = "HOME=" + (m_root / "home");
+        char* const argv[] = {const_cast<char*>(QVX_DRAGDROP_BIN), nullptr};
+        char* const envp[] = {const_cast<char*>(rootVar.c_str()),
+                              const_cast<char*>(homeVar.c_str()), nullptr};
+        m_pid = ::fork();
+        ASSERT_GE(m_pid, 0);
+        if (m_pid == 0) {
+            ::execve(QVX_DRAGDROP_BIN, argv, envp);
+            ::_exit(127);
+        }
+    }
+    // The exit status when the process ends within `timeout`, so that a hang fails.
+    std::optional<int> wait_exit(std::chrono::milliseconds timeout) {
+        const auto end = Clock::now() + timeout;
+        while (Clock::now() < end) {
+            int status = 0;
+            if (::waitpid(m_pid, &status, WNOHANG) == m_pid) {
+                m_pid = -1;
+                return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+            }
+            std::this_thread::sleep_for(5ms);
+        }
+        return std::nullopt;
+    }
+    std::string log() { return exists(log_path()) ? qvxtest::read_file(log_path()) : ""; }
+    std::string log_path() { return m_root / "Library/Logs/quorvex.log"; }
+    size_t log_count(const std::string& text) {
+        const std::string all = log();
+        size_t n = 0;
+        for (size_t pos = all.find(text); pos != std::string::npos; pos = all.find(text, pos + 1))
+            ++n;
+        return n;
+    }
+
+    qvxtest::TempDir m_root;
+    pid_t m_pid = -1;
+};
+
+TEST_F(ToolProcessTest, WithoutToolgateItLogsAndLeavesWithoutAnApplication) {
+    spawn();
+    EXPECT_EQ(wait_exit(1000ms), std::optional<int>(0));
+    EXPECT_NE(log().find(" F /qvxdragdrop:"), std::string::npos);
+    EXPECT_EQ(log_count("[DNDTOOL] No toolgate\n"), 1u);
+    EXPECT_FALSE(exists(m_root / "run/quorvex"));  // no desktop was ever set up
+}
+
+TEST_F(ToolProcessTest, OldSystemsLeaveAtOnceNewerOnesPoll) {
+    struct Case {
+        const char* platform;
+        bool runs;
+    };
+    const Case cases[] = {
+        {R"({"os_version": "10.5.9"})", false},
+        {R"({"os_version": "10.5.9", "process_info_version": false})", false},
+        {R"({"os_version": "10.6.0", "process_info_version": false})", true},
+        {R"({"os_version": "10.6.0"})", true},
+        {R"({"os_version": "11.0.0"})", true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.platform);
+        set_platform(c.platform);
+        auto host = start_host();
+        spawn();
+        if (c.runs) {
+            EXPECT_TRUE(host->trace().wait_for_line("guest->host 259 poll", 2000ms));
+            ::kill(m_pid, SIGTERM);
+            EXPECT_EQ(wait_exit(1000ms), std::optional<int>(0));
+        } else {
+            EXPECT_EQ(wait_exit(1000ms), std::optional<int>(0));
+            EXPECT_EQ(host->request_count(), 0u);
+            EXPECT_EQ(log().find("No toolgate"), std::string::npos);
+        }
+    }
+}
+
+TEST_F(ToolProcessTest, StopSignalStopsInOrderAndSaysGoodbye) {
+    for (int sig : {SIGTERM, SIGINT}) {
+        SCOPED_TRACE(sig);
+        ::unlink(log_path().c_str());
+        auto host = start_host();
+        host->queue_command(10);
+        spawn();
+        // Registered first, then polling; host command 10 is answered with 256.
+        ASSERT_TRUE(
+            host->trace().wait_for_line("expectation met: 256 after host command 10", 3000ms));
+        EXPECT_TRUE(exists(m_root / "run/quorvex/desktop"));
+        const auto sent = Clock::now();
+        ::kill(m_pid, sig);
+        EXPECT_EQ(wait_exit(1000ms), std::optional<int>(0));
+        EXPECT_LT(Clock::now() - sent, 1000ms);
+        EXPECT_TRUE(host->tool_stopped());
+        EXPECT_TRUE(host->expectations_met());
+        EXPECT_FALSE(exists(m_root / "run/quorvex/desktop"));
+
+        const auto lines = host->trace().lines();
+        auto at = [&](const std::string& text) {
+            for (size_t i = 0; i < lines.size(); ++i)
+                if (lines[i].find(text) != std::string::npos) return static_cast<long>(i);
+            return -1L;
+        };
+        const long reg = at("register quorvex.DragDropTool.guest.mac (DnD tool)");
+        const long stop = at("guest->host 257");
+        const long unreg = at("unregister quorvex.DragDropTool.guest.mac");
+        EXPECT_GE(reg, 0);
+        EXPECT_LT(reg, at("guest->host 259"));
+        EXPECT_GT(unreg, stop);
+        EXPECT_GE(stop, 0);
+
+        const std::string text = log();
+        const size_t a = text.find("W /qvxdragdrop:");
+        const size_t s1 = text.find("[DNDTOOL] Stop DnD Tool\n");
+        const size_t s2 = text.find("[DNDTOOL] Stop DnD Tool [ctrl thread stop]\n");
+        const size_t s3 = text.find("[DNDTOOL] Stop DnD Tool [DnDPool stop]\n");
+        const size_t s4 = text.find("[DNDTOOL] Stop DnD Tool [communicator deleted]\n");
+        EXPECT_NE(a, std::string::npos);
+        ASSERT_NE(s4, std::string::npos) << text;
+        EXPECT_TRUE(s1 < s2 && s2 < s3 && s3 < s4) << text;
+        EXPECT_LT(text.find("[DNDTOOL] Control Thread stopped"), s2);
+        EXPECT_EQ(log_count("Stop DnD Tool\n"), 1u);  // the second stop block never runs
+    }
+}
+
+TEST_F(ToolProcessTest, UnansweredToolgateIsRetriedOnceASecondUntilStopped) {
+    // A socket nobody accepts on: the service exists but cannot be opened.
+    const std::string path = m_root / "run/quorvex/iokit/QvxPCIToolGate";
+    qvxtest::make_dirs(m_root / "run/quorvex/iokit");
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+    ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+
+    spawn();
+    std::this_thread::sleep_for(2500ms);
+    const size_t failures = log_count("[DNDTOOL] Can't send DnD command [259] to toolgate");
+    EXPECT_GE(failures, 2u);
+    EXPECT_LE(failures, 4u);
+    ::kill(m_pid, SIGTERM);
+    EXPECT_EQ(wait_exit(1000ms), std::optional<int>(0));
+    EXPECT_EQ(log_count("Stop DnD Tool [communicator deleted]"), 1u);
+    ::close(fd);
+}
+
+TEST_F(ToolProcessTest, SuspendedHostIsPolledOnceASecond) {
+    auto host = start_host();
+    host->set_suspended(true);
+    spawn();
+    ASSERT_TRUE(host->trace().wait_for_line("guest->host 259", 2000ms));
+    const uint64_t first = host->message_count(259);
+    std::this_thread::sleep_for(2500ms);
+    const uint64_t polls = host->message_count(259) - first;
+    EXPECT_GE(polls, 2u);
+    EXPECT_LE(polls, 3u);
+    ::kill(m_pid, SIGTERM);
+    EXPECT_EQ(wait_exit(1000ms), std::optional<int>(0));
+}
+
+}  // namespace
