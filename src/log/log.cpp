@@ -294,6 +294,8 @@ void log_message_at(const char* file, int line, const char* function, const char
 }
 
 int log_vmessage(const LogSite* site, int level, const char* format, va_list args) {
+    static constexpr LogSite kNoSite{nullptr, 0, nullptr, "", ""};
+    if (site == nullptr) site = &kNoSite;
     const char* file = site->file != nullptr ? after_last(site->file, "/\\") : nullptr;
     const char* function = site->function != nullptr ? after_last(site->function, ":") : nullptr;
     const char* tag = site->tag != nullptr ? site->tag : "";
