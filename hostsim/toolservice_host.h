@@ -18,7 +18,7 @@ struct RegisteredTool {
 };
 
 class ToolServiceHost {
-public:
+  public:
     // Toolgate request 0x8050 without buffers: the open probe. Returns the completion
     // status (0, or busy / a refusal when configured).
     uint32_t probe();
@@ -38,7 +38,7 @@ public:
     // One decoded line per request ("register quorvex.DragDropTool.guest.mac (DnD tool) ...").
     std::function<void(const std::string& line)> on_trace;
 
-private:
+  private:
     mutable std::mutex m_mutex;
     unsigned m_busyProbes = 0;
     uint32_t m_probeStatus = 0;
