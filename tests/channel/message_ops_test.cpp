@@ -7,6 +7,7 @@
 #include <deque>
 #include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "log/log.h"
@@ -39,26 +40,23 @@ struct ScriptedHost {
     std::deque<Answer> script;
     std::vector<Request> sent;
 
-    DnDContext context(uint64_t workerId = kWorker) {
-        return DnDContext{workerId, nullptr,
-                          [this](CommonMacCommunicator*, const void* out, uint32_t outSize,
-                                 void* reply, uint32_t replySize) {
-                              const auto* o = static_cast<const uint8_t*>(out);
-                              sent.push_back({{o, o + outSize}, replySize});
-                              Answer a;
-                              if (!script.empty()) {
-                                  a = std::move(script.front());
-                                  script.pop_front();
-                              }
-                              auto* r = static_cast<uint8_t*>(reply);
-                              le::put32(r, kOffStatus, a.status);
-                              if (a.fill) a.fill(r, replySize);
-                              return a.ok;
-                          }};
+    bool serve(const void* out, uint32_t outSize, void* reply, uint32_t replySize) {
+        const auto* o = static_cast<const uint8_t*>(out);
+        sent.push_back({{o, o + outSize}, replySize});
+        Answer a;
+        if (!script.empty()) a = std::move(script.front()), script.pop_front();
+        le::put32(reply, kOffStatus, a.status);
+        if (a.fill) a.fill(static_cast<uint8_t*>(reply), replySize);
+        return a.ok;
+    }
+    DnDContext context() {
+        using namespace std::placeholders;
+        return {kWorker, nullptr, std::bind(&ScriptedHost::serve, this, _2, _3, _4, _5)};
     }
     void answer(std::initializer_list<uint32_t> statuses) {
         for (uint32_t s : statuses) script.push_back({true, s, nullptr});
     }
+    void fail() { script.push_back({false, 0, nullptr}); }
 };
 
 void expect_failure_dialog(const Request& r, uint32_t code = 12) {
@@ -71,7 +69,7 @@ void expect_failure_dialog(const Request& r, uint32_t code = 12) {
     }
 }
 
-TEST(MessageOps, ReportingPatternSendsDialogOnlyForUnexpectedStatus) {
+TEST(MessageOps, ReplyPatternsSendDialogOnlyForUnexpectedStatusWhenReporting) {
     for (uint32_t quiet : {9u, 100u}) {
         ScriptedHost host;
         host.answer({quiet});
@@ -84,15 +82,13 @@ TEST(MessageOps, ReportingPatternSendsDialogOnlyForUnexpectedStatus) {
     ASSERT_EQ(host.sent.size(), 2u);
     expect_failure_dialog(host.sent[1]);
 
-    ScriptedHost failing;
-    failing.script.push_back({false, 0, nullptr});
-    EXPECT_FALSE(SendChecked(failing.context(), 260));
-    EXPECT_EQ(failing.sent.size(), 1u);
-    EXPECT_TRUE(SendChecked(failing.context(), 260));
-}
+    host.fail();
+    EXPECT_FALSE(SendChecked(host.context(), 260));
+    EXPECT_EQ(host.sent.size(), 3u);
+    EXPECT_TRUE(SendChecked(host.context(), 260));
 
-TEST(MessageOps, QuietAndStatusPatternsNeverSendDialog) {
-    ScriptedHost host;
+    // The quiet and status patterns never add a dialog.
+    host.sent.clear();
     host.answer({5, 5, 5});
     auto ctx = host.context();
     EXPECT_FALSE(SendPlain(ctx, 260));
@@ -100,7 +96,7 @@ TEST(MessageOps, QuietAndStatusPatternsNeverSendDialog) {
     ItemInfo entry;
     entry.name = u"a";
     EXPECT_EQ(SendEntryWithValue(ctx, entry, 1), 5u);
-    host.script.push_back({false, 0, nullptr});
+    host.fail();
     EXPECT_EQ(SendEntryWithAttribute(ctx, entry), 9u);
     EXPECT_EQ(host.sent.size(), 4u);
 }
@@ -141,27 +137,22 @@ TEST(MessageOps, EveryRecordCarriesVersionAndWorkerId) {
 
 TEST(MessageOps, ReplyOutputsAreRead) {
     ScriptedHost host;
-    host.script.push_back({true, 0, [](uint8_t* r, size_t) {
-                               le::put64(r, 28, 0xA0000000B);
-                               le::put32(r, 2088, 42);
-                           }});
-    host.script.push_back({true, 0, [](uint8_t* r, size_t) { le::put64(r, 12, 99); }});
-    host.script.push_back({true, 200, [](uint8_t* r, size_t) {
-                               le::put64(r, 12, 7);
-                               le::put32(r, 2092, 4);
-                           }});
+    const auto fill = [](uint8_t* r, size_t) {
+        le::put64(r, 12, 99);
+        le::put64(r, 28, 0xA0000000B);
+        le::put32(r, 2088, 42);
+        le::put32(r, 2092, 4);
+    };
+    host.script.assign({{true, 0, fill}, {true, 0, fill}, {true, 200, fill}});
     auto ctx = host.context();
-    uint64_t total = 0, id = 0;
+    uint64_t total = 0, id = 0, listId = 0;
     uint32_t second = 0, action = 0;
-    ASSERT_TRUE(QueryTransferTotals(ctx, &total, &second));
-    EXPECT_EQ(total, 0xA0000000Bu);
-    EXPECT_EQ(second, 42u);
-    ASSERT_TRUE(RequestWorkerId(ctx, &id));
-    EXPECT_EQ(id, 99u);
-    ASSERT_TRUE(SendFileList(ctx, true, {"/x"}, &id, &action));
+    EXPECT_TRUE(QueryTransferTotals(ctx, &total, &second));
+    EXPECT_TRUE(RequestWorkerId(ctx, &id));
+    EXPECT_TRUE(SendFileList(ctx, true, {"/x"}, &listId, &action));
+    EXPECT_EQ(std::tuple(total, second, id, listId, action),
+              std::tuple(0xA0000000Bu, 42u, 99u, 99u, 4u));
     EXPECT_EQ(host.sent.back().command(), 768u);
-    EXPECT_EQ(id, 7u);
-    EXPECT_EQ(action, 4u);
 }
 
 TEST(MessageOps, SendMoveMouseReportsEvenQuietStatuses) {
@@ -175,7 +166,7 @@ TEST(MessageOps, SendMoveMouseReportsEvenQuietStatuses) {
     expect_failure_dialog(host.sent[1]);
     EXPECT_TRUE(log.contains("sendMoveMouse failed iResult = 9"));
 
-    host.script.push_back({false, 0, nullptr});
+    host.fail();
     EXPECT_FALSE(sendMoveMouse(host.context(), 10, 20, 1));
     EXPECT_EQ(host.sent.size(), 3u);
     EXPECT_TRUE(log.contains("sendMoveMouse toolgate failed"));
@@ -195,12 +186,8 @@ TEST(MessageOps, SendFileListSizeLimitAndLayout) {
     host.sent.clear();
     EXPECT_TRUE(SendFileList(host.context(), false, {}, nullptr, nullptr));
     ASSERT_EQ(host.sent.size(), 1u);
-    EXPECT_EQ(host.sent[0].bytes, [] {
-        std::vector<uint8_t> empty(kMessageSize, 0);
-        le::put32(empty.data(), 0, 258);
-        le::put32(empty.data(), 4, 2);
-        return empty;
-    }());
+    EXPECT_EQ(host.sent[0].bytes.size(), kMessageSize);
+    EXPECT_EQ(le::get64(host.sent[0].bytes.data(), 28), 0u);  // count and names size
 
     host.sent.clear();
     host.answer({5});
@@ -242,12 +229,14 @@ TEST(MessageOps, EntryOperationsAndLongNames) {
     const auto& b = host.sent.back().bytes;
     ASSERT_EQ(b.size(), kMessageSize + 16);
     EXPECT_EQ(le::get32(b.data(), 2128), 16u);
-    EXPECT_EQ(le::get16(b.data(), 2196 + 4), u'\\');
+    const std::u16string wire = u"..\\lib\\x";
+    for (size_t i = 0; i < wire.size(); ++i) EXPECT_EQ(le::get16(b.data(), 2196 + 2 * i), wire[i]);
 }
 
 Answer entry_reply(std::u16string name, uint32_t length) {
     return {true, 0, [name, length](uint8_t* r, size_t) {
                 le::put32(r, 32, 0x10);
+                le::put64(r, 52, 0xABCDEF0123);
                 le::put64(r, 68, 300000);
                 le::put32(r, 76, length);
                 for (size_t i = 0; i < name.size(); ++i) le::put16(r, 80 + 2 * i, name[i]);
@@ -265,9 +254,8 @@ TEST(MessageOps, NextItemReadsEntryAndReportsBadReplies) {
     EXPECT_EQ(le::get32(host.sent[0].bytes.data(), 28), 3u);
     EXPECT_EQ(entry.path, "/Users/u/Desktop/dir/a.txt");
     EXPECT_EQ(entry.name, u"\\dir\\a.txt");
-    EXPECT_EQ(entry.size, 300000u);
-    EXPECT_EQ(entry.attributes, 0x10u);
-    EXPECT_EQ(entry.mode, 0644u);
+    EXPECT_EQ(std::tuple(entry.accessTime, entry.size, entry.attributes, entry.mode),
+              std::tuple(uint64_t{0xABCDEF0123}, uint64_t{300000}, 0x10u, uint16_t{0644}));
 
     host.answer({7, 9, 100});
     EXPECT_EQ(next_item(ctx, entry, "/d", 0), 1);
@@ -309,9 +297,8 @@ TEST(MessageOps, QueryLinkTargetGrowsReplyBuffer) {
     ASSERT_TRUE(query_link_target(ctx, entry, target));
     EXPECT_EQ(target, "../lib/x");
     ASSERT_EQ(host.sent.size(), 3u);
-    EXPECT_EQ(host.sent[0].replySize, 2452u);
-    EXPECT_EQ(host.sent[1].replySize, 4904u);
-    EXPECT_EQ(host.sent[2].replySize, 9808u);
+    EXPECT_EQ(std::tuple(host.sent[0].replySize, host.sent[1].replySize, host.sent[2].replySize),
+              std::tuple(2452u, 4904u, 9808u));
     EXPECT_EQ(host.sent[2].command(), 769u);
     EXPECT_EQ(le::get16(host.sent[2].bytes.data(), 80), u'l');
 
@@ -324,6 +311,8 @@ TEST(MessageOps, QueryLinkTargetGrowsReplyBuffer) {
     host.script.push_back(link_reply(0, u"abc", 3));
     EXPECT_FALSE(query_link_target(ctx, entry, target));
     host.script.push_back(link_reply(0, u"ab", 258));  // longer than the 2452-byte buffer
+    EXPECT_FALSE(query_link_target(ctx, entry, target));
+    host.script.push_back(link_reply(0, u"ab", 0xFFFFFFFE));
     EXPECT_FALSE(query_link_target(ctx, entry, target));
 
     // A host that keeps asking for more room is given up on at a bounded size.
