@@ -206,16 +206,35 @@ void append(char* buffer, size_t* used, const char* format, ...) {
     va_end(args);
 }
 
-// "%m-%d %H:%M:%S.mmm " of the current local time.
+// Copies text at `*used`, cut to what the buffer holds.
+void append_text(char* buffer, size_t* used, const char* text) {
+    size_t room = kLineBuffer - *used;
+    if (room <= 1) return;
+    size_t length = std::strlen(text);
+    if (length > room - 1) length = room - 1;
+    std::memcpy(buffer + *used, text, length);
+    *used += length;
+    buffer[*used] = '\0';
+}
+
+// "%m-%d %H:%M:%S.mmm " of the current local time. Written without printf: the
+// prefix is on every line and printf calls dominate the cost of formatting.
 void append_time(char* buffer, size_t* used) {
     timeval now{};
     gettimeofday(&now, nullptr);
     time_t seconds = now.tv_sec;
     tm local{};
     localtime_r(&seconds, &local);
-    char stamp[128];
-    if (std::strftime(stamp, sizeof stamp, "%m-%d %H:%M:%S", &local) == 0) stamp[0] = '\0';
-    append(buffer, used, "%s.%03d ", stamp, static_cast<int>(now.tv_usec / 1000));
+    char stamp[128 + 6];
+    size_t length = std::strftime(stamp, 128, "%m-%d %H:%M:%S", &local);
+    int ms = static_cast<int>(now.tv_usec / 1000);
+    stamp[length++] = '.';
+    stamp[length++] = static_cast<char>('0' + ms / 100);
+    stamp[length++] = static_cast<char>('0' + ms / 10 % 10);
+    stamp[length++] = static_cast<char>('0' + ms % 10);
+    stamp[length++] = ' ';
+    stamp[length] = '\0';
+    append_text(buffer, used, stamp);
 }
 
 const char* after_last(const char* text, const char* separators) {
@@ -309,7 +328,7 @@ int log_vmessage(const LogSite* site, int level, const char* format, va_list arg
     static constexpr const char* kLetters[] = {"F ", "W ", "I ", "D ", "T "};
     int remainder = level % 16;
     if (remainder >= 0 && remainder <= 4) {
-        append(line, &used, "%s", kLetters[remainder]);
+        append_text(line, &used, kLetters[remainder]);
     } else {
         append(line, &used, "O(%d) ", remainder);
     }
