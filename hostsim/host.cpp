@@ -58,16 +58,7 @@ bool send_frame(int fd, iovec* iov, int iovcnt) {
         const ssize_t n = sendmsg(fd, &msg, MSG_NOSIGNAL);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return false;
-        size_t left = static_cast<size_t>(n);
-        while (iovcnt > 0 && left >= iov->iov_len) {
-            left -= iov->iov_len;
-            ++iov;
-            --iovcnt;
-        }
-        if (iovcnt > 0) {
-            iov->iov_base = static_cast<uint8_t*>(iov->iov_base) + left;
-            iov->iov_len -= left;
-        }
+        toolgate::advance_iovecs(iov, iovcnt, static_cast<size_t>(n));
     }
     return true;
 }

@@ -70,7 +70,7 @@ class NSInvocation {
 };
 
 namespace platform {
-// platform.json's "os_version" split into its numbers (missing parts 0); the one source
+// platform.json's "os_version" split into its numbers (a missing one counts as 0); the source
 // of both NSProcessInfo's and Gestalt's answers.
 NSOperatingSystemVersion os_version_parts();
 }  // namespace platform

@@ -137,4 +137,16 @@ FrameReader::Result FrameReader::feed(const uint8_t* data, size_t size, size_t& 
     return Result::NeedMore;
 }
 
+void advance_iovecs(iovec*& iov, int& iovcnt, size_t n) {
+    while (iovcnt > 0 && n >= iov->iov_len) {
+        n -= iov->iov_len;
+        ++iov;
+        --iovcnt;
+    }
+    if (iovcnt > 0) {
+        iov->iov_base = static_cast<uint8_t*>(iov->iov_base) + n;
+        iov->iov_len -= n;
+    }
+}
+
 }  // namespace toolgate

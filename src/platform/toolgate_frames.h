@@ -11,6 +11,8 @@
 #include <cstdint>
 #include <vector>
 
+#include <sys/uio.h>
+
 #include "platform/toolgate_abi.h"
 
 namespace toolgate {
@@ -92,5 +94,9 @@ class FrameReader {
     bool m_broken = false;
     std::vector<uint8_t> m_body;
 };
+
+// Drops the first `n` bytes of an iovec array after a partial readv or sendmsg,
+// skipping the vectors it used up.
+void advance_iovecs(iovec*& iov, int& iovcnt, size_t n);
 
 }  // namespace toolgate
