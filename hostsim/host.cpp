@@ -95,6 +95,7 @@ struct Host::Connection {
     int fd = -1;  // closed and set to -1 under Host::m_mutex
     std::thread thread;
     std::atomic<bool> done{false};
+    std::atomic<bool> dropped{false};  // shut down by drop_connections, not by the guest
 };
 
 HostCommand HostCommand::drop(uint32_t x, uint32_t y, uint64_t workerId) {
@@ -222,7 +223,10 @@ void Host::serve(std::shared_ptr<Connection> connection) {
         const ssize_t n = read(connection->fd, buffer.data(), buffer.size());
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) {
-            if (reader.partial()) reason = "short frame";
+            if (connection->dropped)
+                reason = "dropped by the host";
+            else if (reader.partial())
+                reason = "short frame";
             break;
         }
         size_t offset = 0;
@@ -559,8 +563,11 @@ void Host::close_at(uint64_t n) {
 
 void Host::drop_connections() {
     std::lock_guard<std::mutex> lock(m_mutex);
-    for (auto& c : m_connections)
-        if (c->fd >= 0) shutdown(c->fd, SHUT_RDWR);
+    for (auto& c : m_connections) {
+        if (c->fd < 0) continue;
+        c->dropped = true;
+        shutdown(c->fd, SHUT_RDWR);
+    }
 }
 
 size_t Host::open_connections() const {

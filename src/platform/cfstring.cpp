@@ -259,26 +259,47 @@ CFMutableStringRef CFStringCreateMutableCopy(CFAllocatorRef /*alloc*/, CFIndex m
     return s;
 }
 
+namespace {
+
+// ICU builds its normalizer singletons behind its own once-flags, which ThreadSanitizer
+// cannot see; fetching them inside C++ static initialisation publishes them to every
+// thread through a guard the sanitizer (and the language) does know.
+const icu::Normalizer2* normalizer_for(CFStringNormalizationForm form) {
+    using Getter = const icu::Normalizer2* (*)(UErrorCode&);
+    auto fetch = [](Getter get) -> const icu::Normalizer2* {
+        UErrorCode status = U_ZERO_ERROR;
+        const icu::Normalizer2* n = get(status);
+        return U_SUCCESS(status) ? n : nullptr;
+    };
+    switch (form) {
+        case kCFStringNormalizationFormD: {
+            static const icu::Normalizer2* const n = fetch(icu::Normalizer2::getNFDInstance);
+            return n;
+        }
+        case kCFStringNormalizationFormKD: {
+            static const icu::Normalizer2* const n = fetch(icu::Normalizer2::getNFKDInstance);
+            return n;
+        }
+        case kCFStringNormalizationFormC: {
+            static const icu::Normalizer2* const n = fetch(icu::Normalizer2::getNFCInstance);
+            return n;
+        }
+        case kCFStringNormalizationFormKC: {
+            static const icu::Normalizer2* const n = fetch(icu::Normalizer2::getNFKCInstance);
+            return n;
+        }
+    }
+    return nullptr;
+}
+
+}  // namespace
+
 void CFStringNormalize(CFMutableStringRef theString, CFStringNormalizationForm theForm) {
     if (!theString || !theString->isMutable) return;
     if (theString->units.size() > static_cast<size_t>(INT32_MAX)) return;
+    const icu::Normalizer2* normalizer = normalizer_for(theForm);
+    if (!normalizer) return;
     UErrorCode status = U_ZERO_ERROR;
-    const icu::Normalizer2* normalizer = nullptr;
-    switch (theForm) {
-        case kCFStringNormalizationFormD:
-            normalizer = icu::Normalizer2::getNFDInstance(status);
-            break;
-        case kCFStringNormalizationFormKD:
-            normalizer = icu::Normalizer2::getNFKDInstance(status);
-            break;
-        case kCFStringNormalizationFormC:
-            normalizer = icu::Normalizer2::getNFCInstance(status);
-            break;
-        case kCFStringNormalizationFormKC:
-            normalizer = icu::Normalizer2::getNFKCInstance(status);
-            break;
-    }
-    if (!normalizer || U_FAILURE(status)) return;
 
     // A read-only alias: ICU reads our units in place.
     const icu::UnicodeString source(false, theString->units.data(),
