@@ -35,16 +35,6 @@ constexpr const char* kServiceRelative = "run/quorvex/iokit/QvxPCIToolGate";
 // Completion status for a request this host cannot serve (unknown code, wrong buffers).
 constexpr uint32_t kStatusRejected = 0xF0000001;
 
-std::string fmt(const char* format, ...) __attribute__((format(printf, 1, 2)));
-std::string fmt(const char* format, ...) {
-    char buf[256];
-    va_list args;
-    va_start(args, format);
-    const int n = std::vsnprintf(buf, sizeof(buf), format, args);
-    va_end(args);
-    return std::string(buf, n < 0 ? 0 : std::min<size_t>(static_cast<size_t>(n), sizeof(buf) - 1));
-}
-
 bool known_host_command(uint32_t command) {
     return command == dnd::kHostCmdNone || command == dnd::kHostCmdActive ||
            command == dnd::kHostCmdHostToGuest || command == dnd::kHostCmdGuestToHost;
@@ -214,7 +204,7 @@ void Host::reap_finished() {
 }
 
 void Host::serve(std::shared_ptr<Connection> connection) {
-    record_note(fmt("connection %" PRIu64 " opened", connection->id), connection->id);
+    record_note(format("connection %" PRIu64 " opened", connection->id), connection->id);
     toolgate::FrameReader reader;
     std::vector<uint8_t> buffer(64 * 1024);
     std::string reason = "closed by the guest";
@@ -250,7 +240,7 @@ void Host::serve(std::shared_ptr<Connection> connection) {
         close(connection->fd);
         connection->fd = -1;
     }
-    record_note(fmt("connection %" PRIu64 " closed: %s", connection->id, reason.c_str()),
+    record_note(format("connection %" PRIu64 " closed: %s", connection->id, reason.c_str()),
                 connection->id);
     connection->done = true;
 }
@@ -269,7 +259,7 @@ bool Host::handle_frame(Connection& connection, const std::vector<uint8_t>& body
         auto hit = std::find(m_closeAt.begin(), m_closeAt.end(), n);
         if (hit != m_closeAt.end()) {
             m_closeAt.erase(hit);
-            reason = fmt("closed at request %" PRIu64, n);
+            reason = format("closed at request %" PRIu64, n);
             return false;
         }
         suspended = m_suspended;
@@ -299,8 +289,8 @@ bool Host::handle_frame(Connection& connection, const std::vector<uint8_t>& body
         } else if (request.count == 2 &&
                    (request.buffers[0].flags & toolgate::kFrameFlagWritable) &&
                    (request.buffers[1].flags & toolgate::kFrameFlagWritable)) {
-            record_note(fmt("guest->host toolservice request control=%u request=%u",
-                            request.buffers[0].size, request.buffers[1].size),
+            record_note(format("guest->host toolservice request control=%u request=%u",
+                               request.buffers[0].size, request.buffers[1].size),
                         connection.id);
             completion = m_toolService.send(buffers[0], buffers[1], written[0], written[1]);
             // The tool service may have resized its vectors; never send more than they
@@ -314,10 +304,10 @@ bool Host::handle_frame(Connection& connection, const std::vector<uint8_t>& body
         } else {
             completion = kStatusRejected;
         }
-        record_note(fmt("host->guest toolservice completion=0x%08x", completion), connection.id);
+        record_note(format("host->guest toolservice completion=0x%08x", completion), connection.id);
     } else {
         record_note(
-            fmt("guest->host unknown request 0x%x with %u buffers", request.code, request.count),
+            format("guest->host unknown request 0x%x with %u buffers", request.code, request.count),
             connection.id);
         completion = kStatusRejected;
     }
@@ -386,9 +376,9 @@ uint32_t Host::handle_dnd(Connection& connection, const toolgate::RequestView& r
     } else if (fault) {
         status = fault->status;
         if (ex.command == dnd::kCmdPoll) note_host_command(status, 0, connection.id);
-        record_note(
-            fmt("fault: status %u for %s #%" PRIu64, status, command_name(ex.command), ex.sequence),
-            connection.id);
+        record_note(format("fault: status %u for %s #%" PRIu64, status, command_name(ex.command),
+                           ex.sequence),
+                    connection.id);
     } else if (ex.command == dnd::kCmdPoll) {
         status = answer_poll(ex);
     } else if (handler) {
@@ -450,8 +440,8 @@ void Host::note_host_command(uint32_t command, uint64_t workerId, uint64_t conne
         std::lock_guard<std::mutex> lock(m_mutex);
         m_expectations.push_back(e);
     }
-    record_note(fmt("expecting %u after host command %u worker=%" PRIu64, e.expectedCommand,
-                    command, workerId),
+    record_note(format("expecting %u after host command %u worker=%" PRIu64, e.expectedCommand,
+                       command, workerId),
                 connection);
 }
 
@@ -472,8 +462,9 @@ void Host::check_expectations(uint32_t command, uint64_t workerId, uint64_t conn
                 e.state = Expectation::State::Missed;
             else
                 continue;
-            notes.push_back(fmt("expectation %s: %u after host command %u worker=%" PRIu64,
-                                state_name(e.state), e.expectedCommand, e.hostCommand, e.workerId));
+            notes.push_back(format("expectation %s: %u after host command %u worker=%" PRIu64,
+                                   state_name(e.state), e.expectedCommand, e.hostCommand,
+                                   e.workerId));
         }
     }
     if (command == dnd::kCmdToolStops) notes.push_back("tool stopping");

@@ -7,28 +7,15 @@
 #include "common/byte_order.h"
 #include "platform/toolgate_abi.h"
 #include "toolservice/service_buffer.h"
+#include "toolservice/service_wire.h"
 
 namespace hostsim {
 
 namespace {
 
+using namespace qvx::service_wire;
+
 namespace le = qvx::le;
-
-constexpr size_t kControlSize = 32;
-constexpr size_t kCtlInputSize = 8;
-constexpr size_t kCtlOutputSize = 12;
-constexpr size_t kCtlNeeded = 16;
-constexpr size_t kCtlResult = 20;
-constexpr uint32_t kPrefixSize = 16;
-constexpr uint32_t kPrefix[4] = {14, 0, 1, 0};
-
-constexpr uint32_t kTagVersion = 0x2001;
-constexpr uint32_t kTagDisplayName = 0x20CA;
-constexpr uint32_t kTagToolInfo = 0x20CB;
-constexpr uint32_t kTagOperation = 0x20CF;
-constexpr uint32_t kTagIdentifier = 0x2191;
-constexpr uint32_t kToolInfoSize = 40;
-constexpr uint32_t kOperationUnregister = 2;
 
 // A malformed control block is a driver-level failure, not a service answer.
 constexpr uint32_t kStatusBadRequest = 0xC0000001;

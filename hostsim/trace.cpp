@@ -150,6 +150,15 @@ const char* command_name(uint32_t command) {
     }
 }
 
+std::string format(const char* fmt, ...) {
+    char buf[256];
+    va_list args;
+    va_start(args, fmt);
+    const int n = std::vsnprintf(buf, sizeof(buf), fmt, args);
+    va_end(args);
+    return std::string(buf, n < 0 ? 0 : std::min<size_t>(static_cast<size_t>(n), sizeof(buf) - 1));
+}
+
 namespace {
 
 void append_utf8(std::string& out, uint32_t cp) {
@@ -195,16 +204,6 @@ std::string utf16_text(const uint8_t* p, size_t bytes, size_t* consumed = nullpt
     }
     if (consumed) *consumed = i;
     return out;
-}
-
-std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-std::string format(const char* fmt, ...) {
-    char buf[256];
-    va_list args;
-    va_start(args, fmt);
-    const int n = std::vsnprintf(buf, sizeof(buf), fmt, args);
-    va_end(args);
-    return std::string(buf, n < 0 ? 0 : std::min<size_t>(static_cast<size_t>(n), sizeof(buf) - 1));
 }
 
 bool is_named_entry(uint32_t command) {

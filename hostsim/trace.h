@@ -72,6 +72,9 @@ class Trace {
     Listener m_listener;
 };
 
+// printf into a std::string, for trace lines (cut at 255 bytes).
+std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
 // Short name of a DnD command for trace lines ("poll", "dialog", ...); "cmd" if unknown.
 const char* command_name(uint32_t command);
 

@@ -6,24 +6,16 @@
 #include "build_info.h"
 #include "common/byte_order.h"
 #include "toolservice/service_buffer.h"
+#include "toolservice/service_wire.h"
 #include "toolservice/transport.h"
 
 namespace qvx {
 
 namespace {
 
-constexpr uint32_t kTagVersion = 0x2001;
-constexpr uint32_t kTagDisplayName = 0x20CA;
-constexpr uint32_t kTagToolInfo = 0x20CB;
-constexpr uint32_t kTagText = 0x20CC;
-constexpr uint32_t kTagData = 0x20CD;
-constexpr uint32_t kTagOperation = 0x20CF;
-constexpr uint32_t kTagIdentifier = 0x2191;
+using namespace qvx::service_wire;
 
-constexpr uint32_t kOperationUnregister = 2;
-constexpr uint32_t kPrefixSize = 16;
-constexpr uint32_t kPrefix[4] = {14, 0, 1, 0};
-constexpr uint32_t kFormatVersion[2] = {1, 3};
+static_assert(sizeof(ToolInfo::bytes) == kToolInfoSize);
 
 constexpr int32_t kBadArgs = -1;
 constexpr int32_t kNoBuffer = -2;

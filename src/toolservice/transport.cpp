@@ -12,10 +12,13 @@
 #include "platform/clock.h"
 #include "platform/pvcall.h"
 #include "platform/toolgate_abi.h"
+#include "toolservice/service_wire.h"
 
 namespace qvx {
 
 namespace {
+
+using namespace qvx::service_wire;
 
 // Outcomes of one driver call. Callers of a send only ever see kCallFailed; the open
 // uses the difference to retry a call the host never completed.
@@ -31,14 +34,6 @@ constexpr uint32_t kCallAborted = 0x800703E3;
 // must get on with polling when the service never settles.
 constexpr int kMaxBusyRetries = 50;
 constexpr useconds_t kBusyPauseMicros = 20000;
-
-// Control block of a send (buffer 0).
-constexpr size_t kControlSize = 32;
-constexpr size_t kCtlSize = 0;
-constexpr size_t kCtlInputSize = 8;
-constexpr size_t kCtlOutputSize = 12;  // in: room for the answer; out: bytes placed
-constexpr size_t kCtlNeeded = 16;
-constexpr size_t kCtlResult = 20;
 
 // Paravirtual call functions and detection values.
 constexpr uint32_t kPvDetect = 0x05F9E652;
