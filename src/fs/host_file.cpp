@@ -23,6 +23,18 @@ unsigned long long ull(uint64_t v) {
     return static_cast<unsigned long long>(v);
 }
 
+// A page-aligned bounce buffer for the vectored routines, counted for the caller; null
+// with errno ENOMEM when memory is short.
+uint8_t* alloc_bounce(uint64_t size, uint32_t* bounceCounter) {
+    auto* bounce = static_cast<uint8_t*>(platform::sys_valloc(size));
+    if (!bounce) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    if (bounceCounter) ++*bounceCounter;
+    return bounce;
+}
+
 }  // namespace
 
 RateLimiter& host_file_rate_limiter() {
@@ -229,12 +241,8 @@ int64_t CHostFile::pwrite_all(int fd, const void* buffer, uint64_t size, uint64_
 int64_t CHostFile::read_vectored(int fd, const IoSegment* segments, int32_t count, uint64_t offset,
                                  uint64_t totalSize, uint32_t* bounceCounter) {
     if (count == 1) return pread_all(fd, segments[0].base, segments[0].length, offset);
-    auto* bounce = static_cast<uint8_t*>(platform::sys_valloc(totalSize));
-    if (!bounce) {
-        errno = ENOMEM;
-        return kIoNoMemory;
-    }
-    if (bounceCounter) ++*bounceCounter;
+    uint8_t* bounce = alloc_bounce(totalSize, bounceCounter);
+    if (!bounce) return kIoNoMemory;
     const int64_t r = pread_all(fd, bounce, totalSize, offset);
     // Only the bytes actually read are handed out, each segment up to its own length.
     uint64_t left = r > 0 ? static_cast<uint64_t>(r) : 0;
@@ -252,12 +260,8 @@ int64_t CHostFile::read_vectored(int fd, const IoSegment* segments, int32_t coun
 int64_t CHostFile::write_vectored(int fd, const IoSegment* segments, int32_t count, uint64_t offset,
                                   uint64_t totalSize, uint32_t* bounceCounter) {
     if (count == 1) return pwrite_all(fd, segments[0].base, segments[0].length, offset);
-    auto* bounce = static_cast<uint8_t*>(platform::sys_valloc(totalSize));
-    if (!bounce) {
-        errno = ENOMEM;
-        return kIoNoMemory;
-    }
-    if (bounceCounter) ++*bounceCounter;
+    uint8_t* bounce = alloc_bounce(totalSize, bounceCounter);
+    if (!bounce) return kIoNoMemory;
     uint64_t placed = 0;
     for (int32_t i = 0; i < count && placed < totalSize; ++i) {
         const uint64_t n =
