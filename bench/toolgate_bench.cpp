@@ -16,7 +16,7 @@
 #include "channel/communicator.h"
 #include "channel/dnd_message.h"
 #include "hostsim/host.h"
-#include "platform/toolgate_frames.h"
+#include "platform/sim/toolgate_frames.h"
 
 namespace {
 

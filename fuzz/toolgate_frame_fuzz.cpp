@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "common/byte_order.h"
-#include "platform/toolgate_frames.h"
+#include "platform/sim/toolgate_frames.h"
 
 namespace {
 

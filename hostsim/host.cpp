@@ -20,9 +20,9 @@
 
 #include "channel/dnd_message.h"
 #include "common/byte_order.h"
-#include "platform/platform_root.h"
-#include "platform/toolgate_abi.h"
-#include "platform/toolgate_frames.h"
+#include "common/toolgate_abi.h"
+#include "platform/sim/platform_root.h"
+#include "platform/sim/toolgate_frames.h"
 
 namespace hostsim {
 

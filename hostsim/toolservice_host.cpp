@@ -5,7 +5,7 @@
 #include <optional>
 
 #include "common/byte_order.h"
-#include "platform/toolgate_abi.h"
+#include "common/toolgate_abi.h"
 #include "toolservice/service_buffer.h"
 #include "toolservice/service_wire.h"
 

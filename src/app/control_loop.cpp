@@ -7,7 +7,7 @@
 
 #include "channel/dnd_message.h"
 #include "log/log.h"
-#include "platform/clock.h"
+#include "platform/seams/clock.h"
 #include "ui/drag_handlers.h"
 #include "ui/overlay.h"
 

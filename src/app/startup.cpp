@@ -10,14 +10,15 @@
 #include <csignal>
 #include <new>
 
+#include <CoreFoundation/CFRunLoop.h>
+#include <CoreServices/CoreServices.h>
+#include <Foundation/NSProcessInfo.h>
+#include <IOKit/IOKitLib.h>
+
 #include "app/control_loop.h"
 #include "app/dnd_pool.h"
 #include "channel/communicator.h"
 #include "log/log.h"
-#include "platform/CFRunLoop.h"
-#include "platform/CoreServices.h"
-#include "platform/IOKit.h"
-#include "platform/NSProcessInfo.h"
 #include "ui/overlay.h"
 
 namespace qvx {

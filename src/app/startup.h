@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "platform/AppKit.h"
+#include <AppKit/AppKit.h>
 
 namespace qvx {
 

@@ -3,10 +3,11 @@
 
 #include <cstring>
 
+#include <mach/mach.h>
+
 #include "common/byte_order.h"
+#include "common/toolgate_abi.h"
 #include "log/log.h"
-#include "platform/mach.h"
-#include "platform/toolgate_abi.h"
 
 namespace qvx {
 

@@ -4,12 +4,12 @@
 #include <cstdint>
 #include <functional>
 
-#include "platform/IOKit.h"
+#include <IOKit/IOKitLib.h>
 
 namespace qvx {
 
 class CommonMacCommunicator {
-public:
+  public:
     // Opens the user-client connection to the "QvxPCIToolGate" service. A failure is
     // logged and leaves the handle 0: the object exists and every call fails with -5.
     CommonMacCommunicator();
@@ -19,12 +19,12 @@ public:
 
     // Closes the connection; harmless when already closed.
     void Close();
-    // Sends one toolgate request (platform/toolgate_abi.h) and returns the driver's
+    // Sends one toolgate request (common/toolgate_abi.h) and returns the driver's
     // result; the request's status field then holds the host's completion status.
     kern_return_t Call(void* request);
     io_connect_t handle() const { return m_connection; }
 
-private:
+  private:
     io_connect_t m_connection = 0;
 };
 

@@ -2,14 +2,14 @@
 #include "fs/fs_helpers.h"
 
 #include <fcntl.h>
+#include <sys/disk.h>
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
-#include "platform/disk.h"
-#include "platform/syscalls.h"
+#include "platform/seams/syscalls.h"
 
 namespace qvx {
 namespace {

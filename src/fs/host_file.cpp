@@ -8,8 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "platform/disk.h"
-#include "platform/syscalls.h"
+#include "platform/seams/syscalls.h"
 
 namespace qvx {
 namespace {

@@ -18,9 +18,10 @@
 #include <mutex>
 #include <string>
 
+#include <Foundation/NSPathUtilities.h>
+#include <mach/mach.h>
+
 #include "build_info.h"
-#include "platform/Foundation.h"
-#include "platform/mach.h"
 
 namespace qvx {
 namespace {

@@ -11,8 +11,9 @@
 #include <new>
 #include <stdexcept>
 
+#include <CoreFoundation/CFString.h>
+
 #include "common/byte_order.h"
-#include "platform/CFString.h"
 #include "text/encoding_iconv.h"
 
 namespace qvx {

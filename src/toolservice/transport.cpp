@@ -7,11 +7,12 @@
 #include <cstring>
 #include <mutex>
 
+#include <IOKit/IOKitLib.h>
+
 #include "common/byte_order.h"
-#include "platform/IOKit.h"
-#include "platform/clock.h"
-#include "platform/pvcall.h"
-#include "platform/toolgate_abi.h"
+#include "common/toolgate_abi.h"
+#include "platform/seams/clock.h"
+#include "platform/seams/pvcall.h"
 #include "toolservice/service_wire.h"
 
 namespace qvx {

@@ -3,8 +3,8 @@
 
 #include <mutex>
 
-#include "platform/AppKit.h"
-#include "platform/CFRunLoop.h"
+#include <AppKit/AppKit.h>
+#include <CoreFoundation/CFRunLoop.h>
 
 namespace qvx {
 

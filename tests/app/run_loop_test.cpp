@@ -8,9 +8,11 @@
 #include <thread>
 #include <vector>
 
-#include "platform/AppKit.h"
-#include "platform/CFRunLoop.h"
-#include "platform/desktop.h"
+#include <AppKit/AppKit.h>
+#include <CoreFoundation/CFRunLoop.h>
+
+#include "platform/sim/desktop.h"
+#include "platform/sim/run_loop.h"
 #include "support/temp_dir.h"
 #include "ui/overlay.h"
 

@@ -12,11 +12,12 @@
 #include <thread>
 #include <vector>
 
+#include <IOKit/IOKitLib.h>
+
 #include "common/byte_order.h"
-#include "platform/IOKit.h"
-#include "platform/platform_root.h"
-#include "platform/toolgate_abi.h"
-#include "platform/toolgate_frames.h"
+#include "common/toolgate_abi.h"
+#include "platform/sim/platform_root.h"
+#include "platform/sim/toolgate_frames.h"
 #include "support/private_root.h"
 #include "support/temp_dir.h"
 

@@ -1,5 +1,5 @@
 // Tests of the toolgate frame codec: round trips, piecewise reading and strict validation.
-#include "platform/toolgate_frames.h"
+#include "platform/sim/toolgate_frames.h"
 
 #include <gtest/gtest.h>
 

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "platform/syscalls.h"
+#include "platform/seams/syscalls.h"
 
 namespace qvxtest {
 

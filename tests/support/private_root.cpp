@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "platform/platform_root.h"
+#include "platform/sim/platform_root.h"
 
 namespace qvxtest {
 

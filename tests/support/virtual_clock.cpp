@@ -3,7 +3,7 @@
 
 #include <atomic>
 
-#include "platform/clock.h"
+#include "platform/seams/clock.h"
 
 namespace qvxtest {
 namespace {
@@ -39,10 +39,20 @@ VirtualClock::VirtualClock(time_t start) {
     g_sleptUs = 0;
     platform::set_clock(&kVirtual);
 }
-VirtualClock::~VirtualClock() { platform::set_clock(nullptr); }
-void VirtualClock::advance_us(uint64_t micros) { g_nowUs += micros; }
-time_t VirtualClock::now() const { return v_time(nullptr); }
-uint64_t VirtualClock::sleep_calls() const { return g_sleepCalls; }
-uint64_t VirtualClock::slept_us() const { return g_sleptUs; }
+VirtualClock::~VirtualClock() {
+    platform::set_clock(nullptr);
+}
+void VirtualClock::advance_us(uint64_t micros) {
+    g_nowUs += micros;
+}
+time_t VirtualClock::now() const {
+    return v_time(nullptr);
+}
+uint64_t VirtualClock::sleep_calls() const {
+    return g_sleepCalls;
+}
+uint64_t VirtualClock::slept_us() const {
+    return g_sleptUs;
+}
 
 }  // namespace qvxtest

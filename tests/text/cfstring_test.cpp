@@ -1,5 +1,5 @@
 // Tests of the CoreFoundation string stand-in that the conversions are built on.
-#include "platform/CFString.h"
+#include <CoreFoundation/CFString.h>
 
 #include <gtest/gtest.h>
 

@@ -8,7 +8,8 @@
 #include <thread>
 #include <vector>
 
-#include "platform/CFString.h"
+#include <CoreFoundation/CFString.h>
+
 #include "text/encoding_iconv.h"
 
 namespace {

@@ -8,7 +8,7 @@
 #include <functional>
 #include <vector>
 
-#include "platform/pvcall.h"
+#include "platform/seams/pvcall.h"
 #include "support/temp_dir.h"
 
 namespace tstest {

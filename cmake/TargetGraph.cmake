@@ -1,0 +1,36 @@
+# Writes the direct link edges between this project's targets, "from to" a line, so that a
+# test can prove the library graph has no cycle (CMake itself links cyclic static libraries
+# without complaint).
+function(qvx_collect_targets dir out)
+  get_property(targets DIRECTORY ${dir} PROPERTY BUILDSYSTEM_TARGETS)
+  get_property(subdirs DIRECTORY ${dir} PROPERTY SUBDIRECTORIES)
+  foreach(sub ${subdirs})
+    qvx_collect_targets(${sub} subtargets)
+    list(APPEND targets ${subtargets})
+  endforeach()
+  set(${out} ${targets} PARENT_SCOPE)
+endfunction()
+
+function(qvx_write_target_graph file)
+  qvx_collect_targets(${CMAKE_SOURCE_DIR} targets)
+  set(edges "")
+  foreach(t ${targets})
+    get_target_property(type ${t} TYPE)
+    if(type STREQUAL "UTILITY")
+      continue()
+    endif()
+    # LINK_LIBRARIES holds PRIVATE and PUBLIC links; an interface library has only its
+    # INTERFACE_LINK_LIBRARIES.
+    if(type STREQUAL "INTERFACE_LIBRARY")
+      get_target_property(deps ${t} INTERFACE_LINK_LIBRARIES)
+    else()
+      get_target_property(deps ${t} LINK_LIBRARIES)
+    endif()
+    foreach(d ${deps})
+      if(d AND TARGET ${d} AND d IN_LIST targets)
+        string(APPEND edges "${t} ${d}\n")
+      endif()
+    endforeach()
+  endforeach()
+  file(WRITE ${file} "${edges}")
+endfunction()

@@ -1,0 +1,224 @@
+// The real system-call table, the replaceable pointer to it, and the fault injector.
+#include "platform/seams/syscalls.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+
+#include "platform/sim/disk.h"
+
+namespace platform {
+namespace {
+
+// Wrappers where the libc call is variadic, overloaded or a macro, so each member has
+// one plain signature.
+int real_open(const char* path, int flags, mode_t mode) {
+    return ::open(path, flags, mode);
+}
+int real_openat(int dirFd, const char* name, int flags, mode_t mode) {
+    return ::openat(dirFd, name, flags, mode);
+}
+int real_stat(const char* path, struct stat* st) {
+    return ::stat(path, st);
+}
+int real_lstat(const char* path, struct stat* st) {
+    return ::lstat(path, st);
+}
+int real_fstat(int fd, struct stat* st) {
+    return ::fstat(fd, st);
+}
+int real_fstatat(int dirFd, const char* name, struct stat* st, int flags) {
+    return ::fstatat(dirFd, name, st, flags);
+}
+void* real_valloc(size_t size) {
+    // A page-aligned block, as valloc gives, from the non-obsolete call; free releases it.
+    void* block = nullptr;
+    const long page = ::sysconf(_SC_PAGESIZE);
+    if (::posix_memalign(&block, page > 0 ? static_cast<size_t>(page) : 4096, size) != 0)
+        return nullptr;
+    return block;
+}
+void real_free(void* block) {
+    std::free(block);
+}
+
+constexpr SyscallTable kReal{
+    real_open,   ::close,    ::read,     ::write,    ::pread,     ::pwrite,   ::lseek,
+    ::ftruncate, real_fstat, real_stat,  real_lstat, ::unlink,    ::rename,   ::mkdir,
+    ::rmdir,     ::fchmod,   disk_fcntl, disk_ioctl, real_openat, ::unlinkat, real_fstatat,
+    ::fdopendir, ::opendir,  ::readdir,  ::closedir, real_valloc, real_free};
+
+std::atomic<const SyscallTable*> g_table{&kReal};
+
+constexpr size_t kKinds = static_cast<size_t>(Sys::kCount);
+std::atomic<uint64_t> g_counts[kKinds];
+std::atomic<uint64_t> g_faultNth{0};  // 0: no fault armed
+std::atomic<Sys> g_faultKind{Sys::any};
+std::atomic<int> g_faultError{0};
+std::atomic<bool> g_faultPersistent{false};
+std::atomic<bool> g_faultFired{false};
+std::atomic<size_t> g_shortCap{0};
+
+const SyscallTable& table() {
+    return *g_table.load(std::memory_order_acquire);
+}
+
+// Counts the call and decides whether the armed fault fires on it (then errno is set).
+bool fires(Sys kind) {
+    const uint64_t all = g_counts[0].fetch_add(1) + 1;
+    const uint64_t mine = g_counts[static_cast<size_t>(kind)].fetch_add(1) + 1;
+    const uint64_t nth = g_faultNth.load(std::memory_order_acquire);
+    if (nth == 0) return false;
+    const Sys target = g_faultKind.load();
+    const uint64_t n = target == Sys::any ? all : (target == kind ? mine : 0);
+    if (n == 0 || n < nth || (n > nth && !g_faultPersistent.load())) return false;
+    g_faultFired = true;
+    errno = g_faultError.load();
+    return true;
+}
+
+size_t capped(size_t length) {
+    const size_t cap = g_shortCap.load();
+    return cap == 0 ? length : std::min(length, cap);
+}
+
+}  // namespace
+
+const SyscallTable* set_syscalls(const SyscallTable* replacement) {
+    return g_table.exchange(replacement ? replacement : &kReal, std::memory_order_acq_rel);
+}
+const SyscallTable* real_syscalls() {
+    return &kReal;
+}
+
+void fault_inject(Sys kind, uint64_t nth, int error, bool persistent) {
+    g_faultNth.store(0);
+    fault_reset_counts();
+    g_faultKind = kind;
+    g_faultError = error;
+    g_faultPersistent = persistent;
+    g_faultFired = false;
+    g_faultNth.store(nth, std::memory_order_release);
+}
+
+void fault_clear() {
+    g_faultNth.store(0);
+    g_shortCap = 0;
+}
+
+bool fault_fired() {
+    return g_faultFired.load();
+}
+
+uint64_t fault_calls(Sys kind) {
+    return g_counts[static_cast<size_t>(kind)].load();
+}
+
+void fault_reset_counts() {
+    for (auto& count : g_counts) count.store(0);
+}
+
+void fault_short_io(size_t maxBytes) {
+    g_shortCap = maxBytes;
+}
+
+int sys_open(const char* path, int flags, mode_t mode) {
+    return fires(Sys::open) ? -1 : table().open(path, flags, mode);
+}
+int sys_close(int fd) {
+    if (fires(Sys::close)) {
+        const int error = errno;
+        table().close(fd);
+        errno = error;
+        return -1;
+    }
+    return table().close(fd);
+}
+ssize_t sys_read(int fd, void* buffer, size_t length) {
+    return fires(Sys::read) ? -1 : table().read(fd, buffer, capped(length));
+}
+ssize_t sys_write(int fd, const void* buffer, size_t length) {
+    return fires(Sys::write) ? -1 : table().write(fd, buffer, capped(length));
+}
+ssize_t sys_pread(int fd, void* buffer, size_t length, off_t offset) {
+    return fires(Sys::pread) ? -1 : table().pread(fd, buffer, capped(length), offset);
+}
+ssize_t sys_pwrite(int fd, const void* buffer, size_t length, off_t offset) {
+    return fires(Sys::pwrite) ? -1 : table().pwrite(fd, buffer, capped(length), offset);
+}
+off_t sys_lseek(int fd, off_t offset, int whence) {
+    return fires(Sys::lseek) ? -1 : table().lseek(fd, offset, whence);
+}
+int sys_ftruncate(int fd, off_t length) {
+    return fires(Sys::ftruncate) ? -1 : table().ftruncate(fd, length);
+}
+int sys_fstat(int fd, struct stat* st) {
+    return fires(Sys::fstat) ? -1 : table().fstat(fd, st);
+}
+int sys_stat(const char* path, struct stat* st) {
+    return fires(Sys::stat) ? -1 : table().stat(path, st);
+}
+int sys_lstat(const char* path, struct stat* st) {
+    return fires(Sys::lstat) ? -1 : table().lstat(path, st);
+}
+int sys_unlink(const char* path) {
+    return fires(Sys::unlink) ? -1 : table().unlink(path);
+}
+int sys_rename(const char* from, const char* to) {
+    return fires(Sys::rename) ? -1 : table().rename(from, to);
+}
+int sys_mkdir(const char* path, mode_t mode) {
+    return fires(Sys::mkdir) ? -1 : table().mkdir(path, mode);
+}
+int sys_rmdir(const char* path) {
+    return fires(Sys::rmdir) ? -1 : table().rmdir(path);
+}
+int sys_fchmod(int fd, mode_t mode) {
+    return fires(Sys::fchmod) ? -1 : table().fchmod(fd, mode);
+}
+int sys_fcntl(int fd, int command, int argument) {
+    return fires(Sys::fcntl) ? -1 : table().fcntl(fd, command, argument);
+}
+int sys_ioctl(int fd, unsigned long request, void* argument) {
+    return fires(Sys::ioctl) ? -1 : table().ioctl(fd, request, argument);
+}
+int sys_openat(int dirFd, const char* name, int flags, mode_t mode) {
+    return fires(Sys::openat) ? -1 : table().openat(dirFd, name, flags, mode);
+}
+int sys_unlinkat(int dirFd, const char* name, int flags) {
+    return fires(Sys::unlinkat) ? -1 : table().unlinkat(dirFd, name, flags);
+}
+int sys_fstatat(int dirFd, const char* name, struct stat* st, int flags) {
+    return fires(Sys::fstatat) ? -1 : table().fstatat(dirFd, name, st, flags);
+}
+DIR* sys_fdopendir(int fd) {
+    return fires(Sys::fdopendir) ? nullptr : table().fdopendir(fd);
+}
+DIR* sys_opendir(const char* path) {
+    return fires(Sys::opendir) ? nullptr : table().opendir(path);
+}
+struct dirent* sys_readdir(DIR* dir) {
+    return fires(Sys::readdir) ? nullptr : table().readdir(dir);
+}
+int sys_closedir(DIR* dir) {
+    if (fires(Sys::closedir)) {
+        const int error = errno;
+        table().closedir(dir);
+        errno = error;
+        return -1;
+    }
+    return table().closedir(dir);
+}
+void* sys_valloc(size_t size) {
+    return fires(Sys::valloc) ? nullptr : table().valloc(size);
+}
+// Releasing memory cannot fail, so it is neither counted nor faulted.
+void sys_free(void* block) {
+    table().free(block);
+}
+
+}  // namespace platform

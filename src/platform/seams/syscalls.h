@@ -1,0 +1,138 @@
+// The system-call seam for file access: one replaceable table of calls plus a fault injector.
+#pragma once
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+
+// The macOS file-control requests that Linux's <fcntl.h> lacks; the real table translates
+// them (platform/sim/disk.h). On a Mac they come from <fcntl.h>.
+#ifndef F_RDAHEAD
+#define F_RDAHEAD 45  // argument 1: read ahead, 0: don't
+#endif
+#ifndef F_NOCACHE
+#define F_NOCACHE 48  // argument 1: bypass the buffer cache, 0: use it
+#endif
+#ifndef F_FULLFSYNC
+#define F_FULLFSYNC 51  // flush the file down to the medium
+#endif
+
+namespace platform {
+
+// Every call the file-access code makes. Tests install a copy with some members replaced;
+// fcntl and ioctl understand the macOS requests above and those of <sys/disk.h>.
+struct SyscallTable {
+    int (*open)(const char* path, int flags, mode_t mode);
+    int (*close)(int fd);
+    ssize_t (*read)(int fd, void* buffer, size_t length);
+    ssize_t (*write)(int fd, const void* buffer, size_t length);
+    ssize_t (*pread)(int fd, void* buffer, size_t length, off_t offset);
+    ssize_t (*pwrite)(int fd, const void* buffer, size_t length, off_t offset);
+    off_t (*lseek)(int fd, off_t offset, int whence);
+    int (*ftruncate)(int fd, off_t length);
+    int (*fstat)(int fd, struct stat* st);
+    int (*stat)(const char* path, struct stat* st);
+    int (*lstat)(const char* path, struct stat* st);
+    int (*unlink)(const char* path);
+    int (*rename)(const char* from, const char* to);
+    int (*mkdir)(const char* path, mode_t mode);
+    int (*rmdir)(const char* path);
+    int (*fchmod)(int fd, mode_t mode);
+    int (*fcntl)(int fd, int command, int argument);
+    int (*ioctl)(int fd, unsigned long request, void* argument);
+    int (*openat)(int dirFd, const char* name, int flags, mode_t mode);
+    int (*unlinkat)(int dirFd, const char* name, int flags);
+    int (*fstatat)(int dirFd, const char* name, struct stat* st, int flags);
+    DIR* (*fdopendir)(int fd);
+    DIR* (*opendir)(const char* path);
+    struct dirent* (*readdir)(DIR* dir);
+    int (*closedir)(DIR* dir);
+    void* (*valloc)(size_t size);
+    void (*free)(void* block);
+};
+
+// Installs a replacement (nullptr restores the real calls) and returns the previous table.
+// The table must outlive its use.
+const SyscallTable* set_syscalls(const SyscallTable* table);
+const SyscallTable* real_syscalls();
+
+// The kinds the injector counts; `any` counts every call.
+enum class Sys : uint8_t {
+    any,
+    open,
+    close,
+    read,
+    write,
+    pread,
+    pwrite,
+    lseek,
+    ftruncate,
+    fstat,
+    stat,
+    lstat,
+    unlink,
+    rename,
+    mkdir,
+    rmdir,
+    fchmod,
+    fcntl,
+    ioctl,
+    openat,
+    unlinkat,
+    fstatat,
+    fdopendir,
+    opendir,
+    readdir,
+    closedir,
+    valloc,
+    kCount
+};
+
+// Fails the nth call (1-based) of `kind`, counted from this call on, with `error`; with
+// `persistent` every later call of that kind fails too. Arming resets the counters.
+void fault_inject(Sys kind, uint64_t nth, int error, bool persistent = false);
+// Disarms the fault and the short-count cap; counters keep running.
+void fault_clear();
+// True once the armed fault has fired at least once.
+bool fault_fired();
+// Calls of `kind` since the last arming or reset.
+uint64_t fault_calls(Sys kind);
+void fault_reset_counts();
+// read, write, pread and pwrite move at most `maxBytes` per call (0 lifts the cap).
+void fault_short_io(size_t maxBytes);
+
+// The calls the file-access code makes in place of the POSIX ones. A failure returns what
+// the real call returns on failure (-1 or null) with errno set. An injected close or
+// closedir failure still releases the descriptor, as Linux does when close reports EINTR.
+int sys_open(const char* path, int flags, mode_t mode = 0);
+int sys_close(int fd);
+ssize_t sys_read(int fd, void* buffer, size_t length);
+ssize_t sys_write(int fd, const void* buffer, size_t length);
+ssize_t sys_pread(int fd, void* buffer, size_t length, off_t offset);
+ssize_t sys_pwrite(int fd, const void* buffer, size_t length, off_t offset);
+off_t sys_lseek(int fd, off_t offset, int whence);
+int sys_ftruncate(int fd, off_t length);
+int sys_fstat(int fd, struct stat* st);
+int sys_stat(const char* path, struct stat* st);
+int sys_lstat(const char* path, struct stat* st);
+int sys_unlink(const char* path);
+int sys_rename(const char* from, const char* to);
+int sys_mkdir(const char* path, mode_t mode);
+int sys_rmdir(const char* path);
+int sys_fchmod(int fd, mode_t mode);
+int sys_fcntl(int fd, int command, int argument);
+int sys_ioctl(int fd, unsigned long request, void* argument);
+int sys_openat(int dirFd, const char* name, int flags, mode_t mode = 0);
+int sys_unlinkat(int dirFd, const char* name, int flags);
+int sys_fstatat(int dirFd, const char* name, struct stat* st, int flags);
+DIR* sys_fdopendir(int fd);
+DIR* sys_opendir(const char* path);
+struct dirent* sys_readdir(DIR* dir);
+int sys_closedir(DIR* dir);
+void* sys_valloc(size_t size);
+void sys_free(void* block);
+
+}  // namespace platform

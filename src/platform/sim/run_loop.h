@@ -1,0 +1,15 @@
+// What the simulated Mac does to the main run loop beyond CoreFoundation's calls.
+#pragma once
+
+#include <CoreFoundation/CFRunLoop.h>
+
+namespace platform {
+
+// The application's termination. Every running invocation of the loop returns and later
+// ones return at once, so queued blocks are never run.
+void run_loop_shutdown(CFRunLoopRef loop);
+// Tests only: drops queued blocks and undoes a shutdown, so one process can run the loop
+// again.
+void run_loop_reset(CFRunLoopRef loop);
+
+}  // namespace platform
