@@ -16,6 +16,15 @@ class DnDPool;
 inline constexpr uint32_t kDirectionReceive = 0;  // host files into a guest folder
 inline constexpr uint32_t kDirectionSend = 1;     // guest files to the host
 
+inline constexpr uint32_t kActionSend = 0;    // send the listed paths to the host
+inline constexpr uint32_t kActionDelete = 4;  // delete the listed paths in the guest
+
+// Results of the tree sender and receiver and of their per-item steps.
+inline constexpr uint32_t kTransferDone = 1;
+inline constexpr uint32_t kTransferFailed = 2;  // failed or stopped: the transfer ends
+inline constexpr uint32_t kReceiveSkipped = 4;  // the receiver skipped one item
+inline constexpr uint32_t kSendSkipped = 6;     // the host asked the sender to skip one
+
 // One transfer; on the heap, owned and freed by its job thread.
 struct TransferJob {
     DnDPool* pool = nullptr;
@@ -27,7 +36,13 @@ struct TransferJob {
     uint32_t action = 0;             // send: 0 send, 4 delete the paths, other: nothing
 };
 
-// Runs the transfer that `job` describes and closes its operation with exactly one 260.
+// Runs the transfer that `job` describes and closes its operation with exactly one 260:
+// checked (a refusal is reported) after success, plain after a failure that has already
+// been reported or was the host's own stop.
 void RunTransferJob(const TransferJob& job, const DnDContext& context);
+
+// Deletes the listed guest items (folders with everything in them, links as links),
+// trying every one; false when any could not be removed.
+bool delete_items(const std::vector<std::string>& paths);
 
 }  // namespace qvx

@@ -12,52 +12,17 @@
 
 #include "log/log.h"
 #include "support/log_capture.h"
+#include "support/scripted_host.h"
 
 namespace {
 
 using namespace qvx;
 using namespace qvx::dnd;
 
-constexpr uint64_t kWorker = 0x1122334455667788;
-
-// One answer of the scripted host: whether the exchange succeeds, the reply status,
-// and anything else to write into the reply buffer.
-struct Answer {
-    bool ok = true;
-    uint32_t status = 0;
-    std::function<void(uint8_t* reply, size_t size)> fill;
-};
-
-struct Request {
-    std::vector<uint8_t> bytes;
-    size_t replySize;
-    uint32_t command() const { return le::get32(bytes.data(), 0); }
-};
-
-// Plays the host: records each request and answers from the script (status 0 once the
-// script is used up).
-struct ScriptedHost {
-    std::deque<Answer> script;
-    std::vector<Request> sent;
-
-    bool serve(const void* out, uint32_t outSize, void* reply, uint32_t replySize) {
-        const auto* o = static_cast<const uint8_t*>(out);
-        sent.push_back({{o, o + outSize}, replySize});
-        Answer a;
-        if (!script.empty()) a = std::move(script.front()), script.pop_front();
-        le::put32(reply, kOffStatus, a.status);
-        if (a.fill) a.fill(static_cast<uint8_t*>(reply), replySize);
-        return a.ok;
-    }
-    DnDContext context() {
-        using namespace std::placeholders;
-        return {kWorker, nullptr, std::bind(&ScriptedHost::serve, this, _2, _3, _4, _5)};
-    }
-    void answer(std::initializer_list<uint32_t> statuses) {
-        for (uint32_t s : statuses) script.push_back({true, s, nullptr});
-    }
-    void fail() { script.push_back({false, 0, nullptr}); }
-};
+using qvxtest::Answer;
+using qvxtest::Request;
+using qvxtest::ScriptedHost;
+constexpr uint64_t kWorker = ScriptedHost::kWorker;
 
 void expect_failure_dialog(const Request& r, uint32_t code = 12) {
     ASSERT_EQ(r.command(), 263u);

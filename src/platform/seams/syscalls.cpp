@@ -2,6 +2,7 @@
 #include "platform/seams/syscalls.h"
 
 #include <fcntl.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -46,11 +47,41 @@ void real_free(void* block) {
     std::free(block);
 }
 
+int real_fstatvfs(int fd, struct statvfs* st) {
+    return ::fstatvfs(fd, st);
+}
+
+// Designated, so that a call added to the table cannot shift its neighbours.
 constexpr SyscallTable kReal{
-    real_open,   ::close,    ::read,     ::write,    ::pread,     ::pwrite,   ::lseek,
-    ::ftruncate, real_fstat, real_stat,  real_lstat, ::unlink,    ::rename,   ::mkdir,
-    ::rmdir,     ::fchmod,   disk_fcntl, disk_ioctl, real_openat, ::unlinkat, real_fstatat,
-    ::fdopendir, ::opendir,  ::readdir,  ::closedir, real_valloc, real_free};
+    .open = real_open,
+    .close = ::close,
+    .read = ::read,
+    .write = ::write,
+    .pread = ::pread,
+    .pwrite = ::pwrite,
+    .lseek = ::lseek,
+    .ftruncate = ::ftruncate,
+    .fstat = real_fstat,
+    .stat = real_stat,
+    .lstat = real_lstat,
+    .unlink = ::unlink,
+    .rename = ::rename,
+    .mkdir = ::mkdir,
+    .rmdir = ::rmdir,
+    .fchmod = ::fchmod,
+    .fcntl = disk_fcntl,
+    .ioctl = disk_ioctl,
+    .openat = real_openat,
+    .unlinkat = ::unlinkat,
+    .fstatat = real_fstatat,
+    .fstatvfs = real_fstatvfs,
+    .fdopendir = ::fdopendir,
+    .opendir = ::opendir,
+    .readdir = ::readdir,
+    .closedir = ::closedir,
+    .valloc = real_valloc,
+    .free = real_free,
+};
 
 std::atomic<const SyscallTable*> g_table{&kReal};
 
@@ -194,6 +225,9 @@ int sys_unlinkat(int dirFd, const char* name, int flags) {
 }
 int sys_fstatat(int dirFd, const char* name, struct stat* st, int flags) {
     return fires(Sys::fstatat) ? -1 : table().fstatat(dirFd, name, st, flags);
+}
+int sys_fstatvfs(int fd, struct statvfs* st) {
+    return fires(Sys::fstatvfs) ? -1 : table().fstatvfs(fd, st);
 }
 DIR* sys_fdopendir(int fd) {
     return fires(Sys::fdopendir) ? nullptr : table().fdopendir(fd);

@@ -3,6 +3,7 @@
 
 #include <dirent.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -46,6 +47,7 @@ struct SyscallTable {
     int (*openat)(int dirFd, const char* name, int flags, mode_t mode);
     int (*unlinkat)(int dirFd, const char* name, int flags);
     int (*fstatat)(int dirFd, const char* name, struct stat* st, int flags);
+    int (*fstatvfs)(int fd, struct statvfs* st);
     DIR* (*fdopendir)(int fd);
     DIR* (*opendir)(const char* path);
     struct dirent* (*readdir)(DIR* dir);
@@ -83,6 +85,7 @@ enum class Sys : uint8_t {
     openat,
     unlinkat,
     fstatat,
+    fstatvfs,
     fdopendir,
     opendir,
     readdir,
@@ -128,6 +131,7 @@ int sys_ioctl(int fd, unsigned long request, void* argument);
 int sys_openat(int dirFd, const char* name, int flags, mode_t mode = 0);
 int sys_unlinkat(int dirFd, const char* name, int flags);
 int sys_fstatat(int dirFd, const char* name, struct stat* st, int flags);
+int sys_fstatvfs(int fd, struct statvfs* st);
 DIR* sys_fdopendir(int fd);
 DIR* sys_opendir(const char* path);
 struct dirent* sys_readdir(DIR* dir);
