@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <sys/statvfs.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -81,6 +82,12 @@ constexpr SyscallTable kReal{
     .closedir = ::closedir,
     .valloc = real_valloc,
     .free = real_free,
+    .statx = ::statx,
+    .utimensat = ::utimensat,
+    .fchmodat = ::fchmodat,
+    .getxattr = ::getxattr,
+    .setxattr = ::setxattr,
+    .removexattr = ::removexattr,
 };
 
 std::atomic<const SyscallTable*> g_table{&kReal};
@@ -253,6 +260,25 @@ void* sys_valloc(size_t size) {
 // Releasing memory cannot fail, so it is neither counted nor faulted.
 void sys_free(void* block) {
     table().free(block);
+}
+
+int sys_statx(int dirFd, const char* name, int flags, unsigned mask, struct statx* sx) {
+    return fires(Sys::statx) ? -1 : table().statx(dirFd, name, flags, mask, sx);
+}
+int sys_utimensat(int dirFd, const char* name, const struct timespec times[2], int flags) {
+    return fires(Sys::utimensat) ? -1 : table().utimensat(dirFd, name, times, flags);
+}
+int sys_fchmodat(int dirFd, const char* name, mode_t mode, int flags) {
+    return fires(Sys::fchmodat) ? -1 : table().fchmodat(dirFd, name, mode, flags);
+}
+ssize_t sys_getxattr(const char* path, const char* name, void* value, size_t size) {
+    return fires(Sys::getxattr) ? -1 : table().getxattr(path, name, value, size);
+}
+int sys_setxattr(const char* path, const char* name, const void* value, size_t size, int flags) {
+    return fires(Sys::setxattr) ? -1 : table().setxattr(path, name, value, size, flags);
+}
+int sys_removexattr(const char* path, const char* name) {
+    return fires(Sys::removexattr) ? -1 : table().removexattr(path, name);
 }
 
 }  // namespace platform

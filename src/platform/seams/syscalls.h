@@ -54,6 +54,12 @@ struct SyscallTable {
     int (*closedir)(DIR* dir);
     void* (*valloc)(size_t size);
     void (*free)(void* block);
+    int (*statx)(int dirFd, const char* name, int flags, unsigned mask, struct statx* sx);
+    int (*utimensat)(int dirFd, const char* name, const struct timespec times[2], int flags);
+    int (*fchmodat)(int dirFd, const char* name, mode_t mode, int flags);
+    ssize_t (*getxattr)(const char* path, const char* name, void* value, size_t size);
+    int (*setxattr)(const char* path, const char* name, const void* value, size_t size, int flags);
+    int (*removexattr)(const char* path, const char* name);
 };
 
 // Installs a replacement (nullptr restores the real calls) and returns the previous table.
@@ -91,6 +97,12 @@ enum class Sys : uint8_t {
     readdir,
     closedir,
     valloc,
+    statx,
+    utimensat,
+    fchmodat,
+    getxattr,
+    setxattr,
+    removexattr,
     kCount
 };
 
@@ -138,5 +150,11 @@ struct dirent* sys_readdir(DIR* dir);
 int sys_closedir(DIR* dir);
 void* sys_valloc(size_t size);
 void sys_free(void* block);
+int sys_statx(int dirFd, const char* name, int flags, unsigned mask, struct statx* sx);
+int sys_utimensat(int dirFd, const char* name, const struct timespec times[2], int flags);
+int sys_fchmodat(int dirFd, const char* name, mode_t mode, int flags);
+ssize_t sys_getxattr(const char* path, const char* name, void* value, size_t size);
+int sys_setxattr(const char* path, const char* name, const void* value, size_t size, int flags);
+int sys_removexattr(const char* path, const char* name);
 
 }  // namespace platform
