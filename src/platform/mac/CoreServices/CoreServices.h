@@ -1,11 +1,8 @@
-// CoreServices stand-in, Gestalt part: the system version selectors.
+// CoreServices stand-in: the Gestalt version selectors here, the file manager in Files.h.
 #pragma once
 
-#include <cstdint>
-
-typedef int16_t OSErr;
-typedef uint32_t OSType;
-typedef int32_t SInt32;
+#include <CoreServices/Files.h>
+#include <MacTypes.h>
 
 constexpr OSType FourCharCode(const char (&code)[5]) {
     return static_cast<OSType>(static_cast<unsigned char>(code[0])) << 24 |
@@ -18,7 +15,6 @@ inline constexpr OSType gestaltSystemVersionMajor = FourCharCode("sys1");
 inline constexpr OSType gestaltSystemVersionMinor = FourCharCode("sys2");
 inline constexpr OSType gestaltSystemVersionBugFix = FourCharCode("sys3");
 
-inline constexpr OSErr noErr = 0;
 inline constexpr OSErr gestaltUndefSelectorErr = -5551;
 
 // Answers the three version selectors from platform.json's "os_version"; any other

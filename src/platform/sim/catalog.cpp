@@ -1,0 +1,369 @@
+// The file manager's references and catalog information on Linux: POSIX metadata, plus
+// user.quorvex.* extended attributes for what Linux does not keep.
+#include <CoreServices/CoreServices.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "common/byte_order.h"
+#include "platform/seams/syscalls.h"
+
+namespace platform {
+
+struct FSRefAccess {
+    static int fd(const FSRef& ref) { return ref.m_fd; }
+    static UInt32 format(const FSRef& ref) { return ref.m_format; }
+    // Hands `fd` to `ref`, releasing what it held before.
+    static void assign(FSRef& ref, int fd, UInt32 format) {
+        FSRef made;
+        made.m_fd = fd;
+        made.m_format = format;
+        ref = std::move(made);
+    }
+};
+
+}  // namespace platform
+
+FSRef::FSRef(FSRef&& other) noexcept
+    : m_fd(std::exchange(other.m_fd, -1)), m_format(std::exchange(other.m_format, 0)) {}
+
+FSRef& FSRef::operator=(FSRef&& other) noexcept {
+    if (this != &other) {
+        if (m_fd >= 0) platform::sys_close(m_fd);
+        m_fd = std::exchange(other.m_fd, -1);
+        m_format = std::exchange(other.m_format, 0);
+    }
+    return *this;
+}
+
+FSRef::~FSRef() {
+    if (m_fd >= 0) platform::sys_close(m_fd);
+}
+
+namespace {
+
+using platform::FSRefAccess;
+namespace le = qvx::le;
+
+constexpr char kCreateTimeName[] = "user.quorvex.crtime";        // u64 LE, seconds since 1904
+constexpr char kFinderFlagsName[] = "user.quorvex.finderflags";  // u16 LE
+constexpr char kNodeFlagsName[] = "user.quorvex.nodeflags";      // u16 LE, bit 0 locked
+
+constexpr FSCatalogInfoBitmap kSettable = kFSCatInfoNodeFlags | kFSCatInfoCreateDate |
+                                          kFSCatInfoContentMod | kFSCatInfoAccessDate |
+                                          kFSCatInfoPermissions | kFSCatInfoFinderInfo;
+constexpr FSCatalogInfoBitmap kGettable =
+    kSettable | kFSCatInfoVolume | kFSCatInfoNodeID | kFSCatInfoDataSizes;
+
+constexpr int64_t kSeconds1904To1970 = 2'082'844'800;
+constexpr uint64_t kMaxDateSeconds = (uint64_t{1} << 48) - 1;
+constexpr uint64_t kNanosecondsPerSecond = 1'000'000'000;
+constexpr UniCharCount kMaxNameUnits = 255;
+
+OSErr from_errno(int error) {
+    switch (error) {
+        case ENOENT:
+            return fnfErr;
+        case ENOTDIR:
+            return dirNFErr;
+        case EACCES:
+            return afpAccessDenied;
+        case EPERM:
+            return permErr;
+        case EINVAL:
+            return paramErr;
+        case ENAMETOOLONG:
+            return bdNamErr;
+        case EMFILE:
+        case ENFILE:
+            return tmfoErr;
+        case ENOMEM:
+            return memFullErr;
+        case EROFS:
+            return wPrErr;
+        case ENOSPC:
+        case EDQUOT:
+            return dskFulErr;
+        default:
+            return ioErr;
+    }
+}
+
+// chmod, utimensat and the attribute calls take no O_PATH descriptor, but the descriptor's
+// /proc/self/fd entry leads to the object itself: following that entry goes no further,
+// so a reference to a link reaches the link and never its target.
+class ObjectPath {
+  public:
+    explicit ObjectPath(int fd) { std::snprintf(m_text, sizeof m_text, "/proc/self/fd/%d", fd); }
+    const char* c_str() const { return m_text; }
+
+  private:
+    char m_text[32];
+};
+
+// Linux keeps user attributes only on regular files and folders.
+bool holds_attributes(UInt32 format) {
+    return format == S_IFREG || format == S_IFDIR;
+}
+
+// Reads an attribute of exactly `size` bytes. One that is absent, of another size, or on
+// a file system without user attributes leaves *present false; another failure returns
+// false with errno set.
+bool get_attribute(const ObjectPath& path, const char* name, uint8_t* value, size_t size,
+                   bool* present) {
+    *present = false;
+    const ssize_t n = platform::sys_getxattr(path.c_str(), name, value, size);
+    if (n >= 0) {
+        *present = static_cast<size_t>(n) == size;
+        return true;
+    }
+    return errno == ENODATA || errno == EOPNOTSUPP || errno == ERANGE;
+}
+
+// Stores an attribute; a file system without user attributes skips it. A flags word of
+// zero is stored as no attribute, so items that never had flags carry none.
+bool put_attribute(const ObjectPath& path, const char* name, const uint8_t* value, size_t size,
+                   bool zeroIsAbsent) {
+    if (zeroIsAbsent && std::all_of(value, value + size, [](uint8_t b) { return b == 0; })) {
+        if (platform::sys_removexattr(path.c_str(), name) == 0) return true;
+        return errno == ENODATA || errno == EOPNOTSUPP;
+    }
+    if (platform::sys_setxattr(path.c_str(), name, value, size, 0) == 0) return true;
+    return errno == EOPNOTSUPP;
+}
+
+// A flags word kept in an attribute; 0 where there is none.
+bool get_flags(const ObjectPath& path, bool kept, const char* name, UInt16* flags) {
+    uint8_t raw[2];
+    bool present = false;
+    if (kept && !get_attribute(path, name, raw, sizeof raw, &present)) return false;
+    *flags = present ? le::get16(raw) : 0;
+    return true;
+}
+
+bool put_flags(const ObjectPath& path, const char* name, UInt16 flags) {
+    uint8_t raw[2];
+    le::put16(raw, flags);
+    return put_attribute(path, name, raw, sizeof raw, true);
+}
+
+UTCDateTime date_from_1904(uint64_t seconds, uint32_t nanoseconds) {
+    seconds = std::min(seconds, kMaxDateSeconds);
+    UTCDateTime date;
+    date.highSeconds = static_cast<UInt16>(seconds >> 32);
+    date.lowSeconds = static_cast<UInt32>(seconds);
+    date.fraction = static_cast<UInt16>(nanoseconds * uint64_t{65536} / kNanosecondsPerSecond);
+    return date;
+}
+
+// Times before 1904 read as 1904 itself, the earliest a catalog date can say.
+UTCDateTime date_from_unix(const struct statx_timestamp& t) {
+    if (t.tv_sec < -kSeconds1904To1970) return date_from_1904(0, 0);
+    if (t.tv_sec > static_cast<int64_t>(kMaxDateSeconds) - kSeconds1904To1970)
+        return date_from_1904(kMaxDateSeconds, 0);
+    return date_from_1904(static_cast<uint64_t>(t.tv_sec + kSeconds1904To1970), t.tv_nsec);
+}
+
+uint64_t seconds_1904(const UTCDateTime& date) {
+    return uint64_t{date.highSeconds} << 32 | date.lowSeconds;
+}
+
+struct timespec unix_from_date(const UTCDateTime& date) {
+    struct timespec t {};
+    t.tv_sec = static_cast<time_t>(static_cast<int64_t>(seconds_1904(date)) - kSeconds1904To1970);
+    // Rounded up, so that reading the time back gives the same fraction.
+    t.tv_nsec =
+        static_cast<long>((uint64_t{date.fraction} * kNanosecondsPerSecond + 65535) / 65536);
+    return t;
+}
+
+// Volume reference numbers are small negatives, handed out as devices are first seen.
+FSVolumeRefNum volume_number(uint32_t major, uint32_t minor) {
+    constexpr int kFirst = -100;
+    constexpr size_t kMaxVolumes = 32000;
+    static std::mutex lock;
+    static std::vector<uint64_t> seen;
+    const uint64_t device = uint64_t{major} << 32 | minor;
+    const std::lock_guard<std::mutex> hold(lock);
+    size_t i = static_cast<size_t>(std::find(seen.begin(), seen.end(), device) - seen.begin());
+    if (i == seen.size()) {
+        if (seen.size() == kMaxVolumes) return kFSInvalidVolumeRefNum;
+        seen.push_back(device);
+    }
+    return static_cast<FSVolumeRefNum>(kFirst - static_cast<int>(i));
+}
+
+// Opens `name` under `dirFd` as a reference, never following a final link.
+OSErr open_ref(int dirFd, const char* name, FSRef* ref, Boolean* isDirectory) {
+    const int fd = platform::sys_openat(dirFd, name, O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) return from_errno(errno);
+    struct statx sx {};
+    if (platform::sys_statx(fd, "", AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW, STATX_TYPE, &sx) != 0) {
+        const int error = errno;
+        platform::sys_close(fd);
+        return from_errno(error);
+    }
+    const UInt32 format = sx.stx_mode & S_IFMT;
+    FSRefAccess::assign(*ref, fd, format);
+    if (isDirectory != nullptr) *isDirectory = format == S_IFDIR;
+    return noErr;
+}
+
+// UTF-16 to UTF-8; false on an unpaired surrogate.
+bool utf8_from_utf16(const UniChar* units, size_t count, std::string* out) {
+    out->clear();
+    for (size_t i = 0; i < count; ++i) {
+        uint32_t c = units[i];
+        if (c >= 0xDC00 && c <= 0xDFFF) return false;
+        if (c >= 0xD800 && c <= 0xDBFF) {
+            if (i + 1 == count || units[i + 1] < 0xDC00 || units[i + 1] > 0xDFFF) return false;
+            c = 0x10000 + ((c - 0xD800) << 10) + (units[++i] - 0xDC00u);
+        }
+        if (c < 0x80) {
+            out->push_back(static_cast<char>(c));
+        } else if (c < 0x800) {
+            out->push_back(static_cast<char>(0xC0 | c >> 6));
+            out->push_back(static_cast<char>(0x80 | (c & 0x3F)));
+        } else if (c < 0x10000) {
+            out->push_back(static_cast<char>(0xE0 | c >> 12));
+            out->push_back(static_cast<char>(0x80 | (c >> 6 & 0x3F)));
+            out->push_back(static_cast<char>(0x80 | (c & 0x3F)));
+        } else {
+            out->push_back(static_cast<char>(0xF0 | c >> 18));
+            out->push_back(static_cast<char>(0x80 | (c >> 12 & 0x3F)));
+            out->push_back(static_cast<char>(0x80 | (c >> 6 & 0x3F)));
+            out->push_back(static_cast<char>(0x80 | (c & 0x3F)));
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+OSStatus FSPathMakeRefWithOptions(const UInt8* path, OptionBits options, FSRef* ref,
+                                  Boolean* isDirectory) {
+    if (path == nullptr || ref == nullptr) return paramErr;
+    if ((options & ~kFSPathMakeRefDoNotFollowLeafSymlink) != 0) return paramErr;
+    return open_ref(AT_FDCWD, reinterpret_cast<const char*>(path), ref, isDirectory);
+}
+
+OSErr FSMakeFSRefUnicode(const FSRef* parentRef, UniCharCount nameLength, const UniChar* name,
+                         TextEncoding /*textEncodingHint*/, FSRef* newRef) {
+    if (parentRef == nullptr || newRef == nullptr || (nameLength > 0 && name == nullptr))
+        return paramErr;
+    if (FSRefAccess::fd(*parentRef) < 0) return errFSBadFSRef;
+    if (FSRefAccess::format(*parentRef) != S_IFDIR) return errFSNotAFolder;
+    std::string leaf;
+    if (nameLength == 0 || nameLength > kMaxNameUnits ||
+        !utf8_from_utf16(name, nameLength, &leaf) || leaf == "." || leaf == ".." ||
+        leaf.find_first_of(std::string("/\0", 2)) != std::string::npos)
+        return bdNamErr;
+    return open_ref(FSRefAccess::fd(*parentRef), leaf.c_str(), newRef, nullptr);
+}
+
+OSErr FSGetCatalogInfo(const FSRef* ref, FSCatalogInfoBitmap whichInfo, FSCatalogInfo* catalogInfo,
+                       HFSUniStr255* outName, FSSpecPtr fsSpec, FSRef* parentRef) {
+    if (ref == nullptr || outName != nullptr || fsSpec != nullptr || parentRef != nullptr ||
+        (whichInfo != 0 && catalogInfo == nullptr))
+        return paramErr;
+    if ((whichInfo & ~kGettable) != 0) return errFSBadInfoBitmap;
+    const int fd = FSRefAccess::fd(*ref);
+    if (fd < 0) return errFSBadFSRef;
+    if (whichInfo == 0) return noErr;
+
+    struct statx sx {};
+    if (platform::sys_statx(fd, "", AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW,
+                            STATX_BASIC_STATS | STATX_BTIME, &sx) != 0)
+        return from_errno(errno);
+    const bool folder = S_ISDIR(sx.stx_mode);
+    const bool kept = holds_attributes(sx.stx_mode & S_IFMT);
+    const ObjectPath path(fd);
+    FSCatalogInfo& info = *catalogInfo;
+
+    if (whichInfo & kFSCatInfoNodeFlags) {
+        UInt16 flags = 0;
+        if (!get_flags(path, kept, kNodeFlagsName, &flags)) return from_errno(errno);
+        info.nodeFlags = static_cast<UInt16>((flags & kFSNodeLockedMask) |
+                                             (folder ? kFSNodeIsDirectoryMask : 0));
+    }
+    if (whichInfo & kFSCatInfoVolume)
+        info.volume = volume_number(sx.stx_dev_major, sx.stx_dev_minor);
+    if (whichInfo & kFSCatInfoNodeID) info.nodeID = static_cast<UInt32>(sx.stx_ino);
+    if (whichInfo & kFSCatInfoCreateDate) {
+        uint8_t raw[8];
+        bool present = false;
+        if (kept && !get_attribute(path, kCreateTimeName, raw, sizeof raw, &present))
+            return from_errno(errno);
+        if (present)
+            info.createDate = date_from_1904(le::get64(raw), 0);
+        else
+            info.createDate =
+                date_from_unix((sx.stx_mask & STATX_BTIME) ? sx.stx_btime : sx.stx_mtime);
+    }
+    if (whichInfo & kFSCatInfoContentMod) info.contentModDate = date_from_unix(sx.stx_mtime);
+    if (whichInfo & kFSCatInfoAccessDate) info.accessDate = date_from_unix(sx.stx_atime);
+    if (whichInfo & kFSCatInfoPermissions)
+        info.permissions =
+            FSPermissionInfo{sx.stx_uid, sx.stx_gid, 0, 0, static_cast<UInt16>(sx.stx_mode), 0};
+    if (whichInfo & kFSCatInfoFinderInfo) {
+        FileInfo finder{};
+        if (!get_flags(path, kept, kFinderFlagsName, &finder.finderFlags)) return from_errno(errno);
+        std::memcpy(info.finderInfo, &finder, sizeof finder);
+    }
+    if (whichInfo & kFSCatInfoDataSizes) {
+        info.dataLogicalSize = folder ? 0 : sx.stx_size;
+        info.dataPhysicalSize = folder ? 0 : sx.stx_blocks * 512;
+    }
+    return noErr;
+}
+
+OSErr FSSetCatalogInfo(const FSRef* ref, FSCatalogInfoBitmap whichInfo,
+                       const FSCatalogInfo* catalogInfo) {
+    if (ref == nullptr || (whichInfo != 0 && catalogInfo == nullptr)) return paramErr;
+    if ((whichInfo & ~kSettable) != 0) return errFSBadInfoBitmap;
+    const int fd = FSRefAccess::fd(*ref);
+    if (fd < 0) return errFSBadFSRef;
+    if (whichInfo == 0) return noErr;
+    const UInt32 format = FSRefAccess::format(*ref);
+    const ObjectPath path(fd);
+    const FSCatalogInfo& info = *catalogInfo;
+
+    // Attributes first and the mode last: a mode without the owner's write bit would
+    // keep an owner who is not root from writing the attributes.
+    if (holds_attributes(format)) {
+        if (whichInfo & kFSCatInfoCreateDate) {
+            uint8_t raw[8];
+            le::put64(raw, seconds_1904(info.createDate));
+            if (!put_attribute(path, kCreateTimeName, raw, sizeof raw, false))
+                return from_errno(errno);
+        }
+        if (whichInfo & kFSCatInfoFinderInfo) {
+            FileInfo finder;
+            std::memcpy(&finder, info.finderInfo, sizeof finder);
+            if (!put_flags(path, kFinderFlagsName, finder.finderFlags)) return from_errno(errno);
+        }
+        if ((whichInfo & kFSCatInfoNodeFlags) &&
+            !put_flags(path, kNodeFlagsName, info.nodeFlags & kFSNodeLockedMask))
+            return from_errno(errno);
+    }
+    if (whichInfo & (kFSCatInfoContentMod | kFSCatInfoAccessDate)) {
+        struct timespec times[2] = {{0, UTIME_OMIT}, {0, UTIME_OMIT}};
+        if (whichInfo & kFSCatInfoAccessDate) times[0] = unix_from_date(info.accessDate);
+        if (whichInfo & kFSCatInfoContentMod) times[1] = unix_from_date(info.contentModDate);
+        if (platform::sys_utimensat(AT_FDCWD, path.c_str(), times, 0) != 0)
+            return from_errno(errno);
+    }
+    // Linux cannot change a link's mode.
+    if ((whichInfo & kFSCatInfoPermissions) && format != S_IFLNK &&
+        platform::sys_fchmodat(AT_FDCWD, path.c_str(), info.permissions.mode & 07777, 0) != 0)
+        return from_errno(errno);
+    return noErr;
+}
