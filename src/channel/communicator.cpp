@@ -101,7 +101,11 @@ bool SendDnDCommand(CommonMacCommunicator* communicator, const void* out, uint32
     const int command = static_cast<int>(le::get32(out, 0));
     const kern_return_t kr = communicator->Call(request);
     if (kr < 0) {
-        log_message(kTagTool, kComponent, 0, "Can't send DnD command [%d] to toolgate", command);
+        // A call ended by a signal is the stop sequence ending a held poll, not a toolgate
+        // that cannot be reached: an error line there would be written at every stop.
+        if (kr != kIOReturnAborted)
+            log_message(kTagTool, kComponent, 0, "Can't send DnD command [%d] to toolgate",
+                        command);
         return false;
     }
     const uint32_t status = le::get32(request, toolgate::kOffStatus);

@@ -1,5 +1,6 @@
 // Tests of the IOKit stand-in against a hand-written peer: matching, opening, the frame
 // it sends, replies that trickle in, and replies that break the rules.
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -7,14 +8,20 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
 #include <cstring>
 #include <functional>
+#include <mutex>
+#include <optional>
 #include <thread>
 #include <vector>
 
 #include <IOKit/IOKitLib.h>
 
 #include "common/byte_order.h"
+#include "common/signal_block.h"
 #include "common/toolgate_abi.h"
 #include "platform/sim/platform_root.h"
 #include "platform/sim/toolgate_frames.h"
@@ -26,10 +33,12 @@ namespace {
 namespace le = qvx::le;
 
 // A peer on the socket of service class `name` that answers each accepted connection's
-// requests with `reply(body)`, written `piece` bytes at a time; an empty reply closes.
+// requests with `reply(body)`, written `piece` bytes at a time; an empty reply closes, no
+// reply at all (nullopt) leaves the request unanswered.
 class RawPeer {
   public:
-    using Reply = std::function<std::vector<uint8_t>(const std::vector<uint8_t>& body)>;
+    using Reply =
+        std::function<std::optional<std::vector<uint8_t>>(const std::vector<uint8_t>& body)>;
     RawPeer(const std::string& name, Reply reply, size_t piece)
         : m_reply(std::move(reply)), m_piece(piece) {
         m_path = platform::iokit_service_path(name);
@@ -50,6 +59,9 @@ class RawPeer {
         unlink(m_path.c_str());
     }
     int accepted() const { return m_accepted; }
+    int requests() const { return m_requests; }
+    // Connections that ended because the guest closed them.
+    int hangups() const { return m_hangups; }
 
   private:
     void run() {
@@ -66,6 +78,7 @@ class RawPeer {
         uint8_t buf[4096];
         for (;;) {
             const ssize_t n = read(c, buf, sizeof(buf));
+            if (n == 0) ++m_hangups;
             if (n <= 0) return;
             size_t off = 0;
             while (off < static_cast<size_t>(n)) {
@@ -73,7 +86,10 @@ class RawPeer {
                 auto r = reader.feed(buf + off, static_cast<size_t>(n) - off, used);
                 off += used;
                 if (r != toolgate::FrameReader::Result::Frame) break;
-                const auto out = m_reply(reader.body());
+                ++m_requests;
+                const auto reply = m_reply(reader.body());
+                if (!reply) continue;
+                const std::vector<uint8_t>& out = *reply;
                 if (out.empty()) return;
                 for (size_t at = 0; at < out.size(); at += m_piece)
                     if (send(c, out.data() + at, std::min(m_piece, out.size() - at), MSG_NOSIGNAL) <
@@ -87,6 +103,8 @@ class RawPeer {
     size_t m_piece;
     int m_fd = -1;
     std::atomic<int> m_accepted{0};
+    std::atomic<int> m_requests{0};
+    std::atomic<int> m_hangups{0};
     std::thread m_thread;
 };
 
@@ -164,7 +182,7 @@ TEST_F(IOKitTest, SendsOnlyTheOutgoingRecordAndFillsTheReplyFromATricklingPeer) 
     std::vector<uint8_t> seen;
     RawPeer peer(
         "QvxTrickleGate",
-        [&](const std::vector<uint8_t>& body) {
+        [&](const std::vector<uint8_t>& body) -> std::optional<std::vector<uint8_t>> {
             seen = body;
             return reply_frame(40);
         },
@@ -190,14 +208,14 @@ TEST_F(IOKitTest, BrokenRepliesFailTheCallWithoutWritingPastTheBufferAndTheNextC
     int round = 0;
     RawPeer peer(
         "QvxBrokenGate",
-        [&](const std::vector<uint8_t>&) -> std::vector<uint8_t> {
+        [&](const std::vector<uint8_t>&) -> std::optional<std::vector<uint8_t>> {
             switch (round++) {
                 case 0:
                     return reply_frame(2196 + 8);  // more than the buffer
                 case 1:
                     return reply_frame(10, 1);  // length disagrees
                 case 2:
-                    return {};  // closed without a reply
+                    return std::vector<uint8_t>{};  // closed without a reply
                 default:
                     return reply_frame(2196);
             }
@@ -216,6 +234,98 @@ TEST_F(IOKitTest, BrokenRepliesFailTheCallWithoutWritingPastTheBufferAndTheNextC
     EXPECT_EQ(status, 7u);
     EXPECT_EQ(peer.accepted(), 4);
     IOServiceClose(connect);
+}
+
+volatile sig_atomic_t g_handled = 0;
+void count_signal(int) {
+    g_handled = g_handled + 1;
+}
+
+// Runs `call` on a thread and sends it SIGUSR1 every 20 ms until the call returns (one sent
+// just before the thread starts to wait is spent on nothing). `blocked`: the thread keeps
+// the signal blocked. Returns the call's result.
+kern_return_t call_under_signals(const std::function<kern_return_t()>& call, bool blocked,
+                                 std::chrono::milliseconds& took) {
+    std::atomic<bool> done{false};
+    kern_return_t result = kIOReturnError;
+    const auto start = std::chrono::steady_clock::now();
+    std::optional<qvx::ScopedSignalBlock> block;  // inherited by the thread from its start
+    if (blocked) block.emplace(std::initializer_list<int>{SIGUSR1});
+    std::thread caller([&] {
+        result = call();
+        done = true;
+    });
+    block.reset();
+    for (int i = 0; i < 250 && !done; ++i) {
+        pthread_kill(caller.native_handle(), SIGUSR1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    caller.join();
+    took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                 start);
+    return result;
+}
+
+TEST_F(IOKitTest, SignalEndsTheWaitForAReplyAndItsSocketUnlessTheThreadBlocksIt) {
+    // signal() gives SA_RESTART, which restarts a blocking read: the wait must still end.
+    const auto previous = std::signal(SIGUSR1, count_signal);
+    std::atomic<int> round{0};
+    std::mutex mutex;
+    std::condition_variable cv;
+    bool released = false;
+    RawPeer peer(
+        "QvxHoldGate",
+        [&](const std::vector<uint8_t>&) -> std::optional<std::vector<uint8_t>> {
+            switch (round++) {
+                case 0: {
+                    // A held poll. Answered only if the guest is still waiting after 3 s,
+                    // so that a call the signal failed to end fails the test, not hangs it.
+                    std::unique_lock lock(mutex);
+                    if (cv.wait_for(lock, std::chrono::seconds(3), [&] { return released; }))
+                        return std::nullopt;
+                    return reply_frame(40);
+                }
+                case 1:
+                    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+                    return reply_frame(40);
+                default:
+                    return reply_frame(40);
+            }
+        },
+        4096);
+    io_connect_t connect = open_service("QvxHoldGate");
+    ASSERT_NE(connect, 0u);
+    std::vector<uint8_t> out(2196, 0x33), reply(2196 + 16, 0);
+    uint32_t status = 0;
+    auto call = [&] { return call_dnd(connect, out, reply, status); };
+
+    std::chrono::milliseconds took{};
+    EXPECT_EQ(call_under_signals(call, false, took), kIOReturnAborted);
+    {
+        std::lock_guard lock(mutex);
+        released = true;
+    }
+    cv.notify_all();
+    EXPECT_EQ(status, toolgate::kStatusUnset);
+    EXPECT_GT(g_handled, 0);
+    EXPECT_LT(took.count(), 2000);
+    // The aborted call's socket is closed: a late reply on it would answer the next call.
+    for (int i = 0; i < 200 && peer.hangups() == 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_EQ(peer.hangups(), 1);
+
+    // A thread that blocks the signal waits for its slow reply, on a new socket.
+    g_handled = 0;
+    EXPECT_EQ(call_under_signals(call, true, took), kIOReturnSuccess);
+    EXPECT_EQ(status, 7u);
+    EXPECT_GE(took.count(), 250);
+    EXPECT_EQ(peer.accepted(), 2);
+    EXPECT_EQ(peer.requests(), 2);
+
+    // The blocked signals are still pending on that (ended) thread; none was handled.
+    EXPECT_EQ(g_handled, 0);
+    IOServiceClose(connect);
+    std::signal(SIGUSR1, previous);
 }
 
 }  // namespace

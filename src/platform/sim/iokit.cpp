@@ -3,6 +3,7 @@
 #include <IOKit/IOKitLib.h>
 
 #include <errno.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -102,19 +103,39 @@ SendResult send_all(int fd, iovec* iov, int iovcnt) {
     return SendResult::Sent;
 }
 
-// Fills the iovecs completely; false on end of stream or error.
-bool read_all(int fd, iovec* iov, int iovcnt) {
+enum class ReadResult { Done, Lost, Interrupted };
+
+// Fills the iovecs completely from what the host sends. The waiting is done in poll, not
+// in a blocking read: a handler installed with signal() restarts an interrupted read, so
+// the caller's signal would go unnoticed, while poll is never restarted. `waitFirst` skips
+// the read attempt that would find nothing yet (the start of a reply).
+ReadResult read_reply(int fd, iovec* iov, int iovcnt, bool waitFirst) {
     while (iovcnt > 0 && iov->iov_len == 0) {
         ++iov;
         --iovcnt;
     }
+    bool wait = waitFirst;
     while (iovcnt > 0) {
-        const ssize_t n = readv(fd, iov, iovcnt);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
+        if (wait) {
+            pollfd p{fd, POLLIN, 0};
+            if (poll(&p, 1, -1) < 0)
+                return errno == EINTR ? ReadResult::Interrupted : ReadResult::Lost;
+        }
+        msghdr msg{};
+        msg.msg_iov = iov;
+        msg.msg_iovlen = static_cast<size_t>(iovcnt);
+        const ssize_t n = recvmsg(fd, &msg, MSG_DONTWAIT);
+        if (n == 0) return ReadResult::Lost;
+        if (n < 0) {
+            if (errno == EINTR) return ReadResult::Interrupted;
+            if (errno != EAGAIN && errno != EWOULDBLOCK) return ReadResult::Lost;
+            wait = true;
+            continue;
+        }
         toolgate::advance_iovecs(iov, iovcnt, static_cast<size_t>(n));
+        wait = false;
     }
-    return true;
+    return ReadResult::Done;
 }
 
 // The buffers of one toolgate request as the frames describe them.
@@ -149,7 +170,11 @@ bool describe_call(const uint8_t* request, CallBuffers& call) {
     return true;
 }
 
-enum class ExchangeResult { Done, NothingSent, Lost };
+enum class ExchangeResult { Done, NothingSent, Lost, Aborted };
+
+ExchangeResult exchange_result(ReadResult r) {
+    return r == ReadResult::Interrupted ? ExchangeResult::Aborted : ExchangeResult::Lost;
+}
 
 ExchangeResult exchange(int fd, const CallBuffers& call, uint32_t& status) {
     uint8_t header[toolgate::request_header_bytes(toolgate::kMaxBuffers)];
@@ -172,7 +197,8 @@ ExchangeResult exchange(int fd, const CallBuffers& call, uint32_t& status) {
 
     uint8_t replyHeader[toolgate::reply_header_bytes(toolgate::kMaxBuffers)];
     iovec head{replyHeader, toolgate::reply_header_bytes(call.count)};
-    if (!read_all(fd, &head, 1)) return ExchangeResult::Lost;
+    if (const ReadResult r = read_reply(fd, &head, 1, true); r != ReadResult::Done)
+        return exchange_result(r);
     uint32_t written[toolgate::kMaxBuffers];
     for (uint32_t i = 0; i < call.count; ++i) written[i] = le::get32(replyHeader, 8 + 4 * i);
     if (!toolgate::reply_header_valid(le::get32(replyHeader, 0), written, call.frame, call.count))
@@ -183,7 +209,8 @@ ExchangeResult exchange(int fd, const CallBuffers& call, uint32_t& status) {
     for (uint32_t i = 0; i < call.count; ++i) {
         if (written[i]) iov[n++] = {call.address[i], written[i]};
     }
-    if (!read_all(fd, iov, n)) return ExchangeResult::Lost;
+    if (const ReadResult r = read_reply(fd, iov, n, false); r != ReadResult::Done)
+        return exchange_result(r);
     status = le::get32(replyHeader, 4);
     return ExchangeResult::Done;
 }
@@ -350,6 +377,11 @@ kern_return_t IOConnectCallStructMethod(mach_port_t connection, uint32_t selecto
             case ExchangeResult::Lost:
                 close(fd);
                 return kIOReturnIOError;
+            case ExchangeResult::Aborted:
+                // The reply may still come; on this socket it would be taken for the
+                // reply to the next request, so the socket goes.
+                close(fd);
+                return kIOReturnAborted;
         }
     }
 }

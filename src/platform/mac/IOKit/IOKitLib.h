@@ -43,7 +43,9 @@ kern_return_t IOServiceOpen(io_service_t service, task_port_t owningTask, uint32
 kern_return_t IOServiceClose(io_connect_t connect);
 // Selector 0: `input` is 8 bytes holding the address of a toolgate request
 // (common/toolgate_abi.h). One frame pair is exchanged with the host and the
-// completion status is written into the request's status field.
+// completion status is written into the request's status field. A signal handled by the
+// calling thread while it waits for the reply ends the call with kIOReturnAborted; a
+// thread that keeps the signal blocked goes on waiting.
 kern_return_t IOConnectCallStructMethod(mach_port_t connection, uint32_t selector,
                                         const void* input, size_t inputSize, void* output,
                                         size_t* outputSize);
