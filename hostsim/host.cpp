@@ -20,6 +20,7 @@
 
 #include "channel/dnd_message.h"
 #include "common/byte_order.h"
+#include "common/signal_block.h"
 #include "common/toolgate_abi.h"
 #include "platform/sim/platform_root.h"
 #include "platform/sim/toolgate_frames.h"
@@ -138,6 +139,9 @@ bool Host::start() {
     m_listenFd = fd;
     m_wakeFd = wake;
     m_running = true;
+    // The host's threads (the connection threads inherit the accept thread's mask) leave
+    // the stop signals to the threads of the process that are meant to take them.
+    const qvx::ScopedSignalBlock block({SIGINT, SIGTERM});
     m_acceptThread = std::thread([this] { accept_loop(); });
     return true;
 }

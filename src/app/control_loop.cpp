@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "channel/dnd_message.h"
+#include "common/signal_block.h"
 #include "log/log.h"
 #include "platform/seams/clock.h"
 #include "ui/drag_handlers.h"
@@ -85,8 +86,13 @@ void RunControlLoop(CommonMacCommunicator* communicator, const SendFunction& sen
         }
     }
 
-    SendStateNotice(DnDContext{0, communicator, send}, false);
-    hooks.unregisterTool(kToolIdentifier);
+    {
+        // The stop sequence repeats its SIGINT until this thread has ended; the goodbye
+        // must not be cut short by one.
+        const ScopedSignalBlock block({SIGINT});
+        SendStateNotice(DnDContext{0, communicator, send}, false);
+        hooks.unregisterTool(kToolIdentifier);
+    }
     if (log_verbosity() > 0) log_message("DNDTOOL", "qvxdragdrop", 1, "Control Thread stopped");
 }
 

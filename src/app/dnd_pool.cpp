@@ -9,6 +9,7 @@
 
 #include <new>
 
+#include "common/signal_block.h"
 #include "log/log.h"
 
 namespace qvx {
@@ -52,7 +53,14 @@ bool DnDPool::Launch(TransferJob* job) {
     // look for its node (or read job->thread) before both are in place.
     pthread_mutex_lock(&m_lockMutex);
     pthread_t handle;
-    const int rc = m_createThread(&handle, nullptr, JobThread, job);
+    int rc;
+    {
+        // A job never takes a stop signal: one sent to the process would otherwise end the
+        // job's wait for the host and fail its transfer. The main thread takes it, and the
+        // stop sequence waits for the job to end.
+        const ScopedSignalBlock block({SIGINT, SIGTERM});
+        rc = m_createThread(&handle, nullptr, JobThread, job);
+    }
     if (rc == 0) {
         job->thread = handle;
         m_threads.push_back(Node{handle, false});

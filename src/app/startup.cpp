@@ -7,7 +7,10 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <csignal>
+#include <mutex>
 #include <new>
 
 #include <CoreFoundation/CFRunLoop.h>
@@ -18,6 +21,7 @@
 #include "app/control_loop.h"
 #include "app/dnd_pool.h"
 #include "channel/communicator.h"
+#include "common/signal_block.h"
 #include "log/log.h"
 #include "ui/overlay.h"
 
@@ -35,6 +39,25 @@ constexpr uint32_t kLastUnsupportedVersion = 0x0A05FF;  // 10.5.x; 10.6.0 is the
 
 std::atomic<uint32_t> g_osVersion{0};
 bool g_controlThreadRunning = false;  // main thread only
+
+// How often the stop sequence repeats its SIGINT until the control thread has ended.
+constexpr std::chrono::milliseconds kInterruptRepeat{100};
+std::mutex g_controlEndMutex;
+std::condition_variable g_controlEnd;
+bool g_controlEnded = false;  // guarded by g_controlEndMutex
+
+void* control_thread_main(void* arg) {
+    ControlThread(arg);
+    {
+        std::lock_guard lock(g_controlEndMutex);
+        g_controlEnded = true;
+    }
+    g_controlEnd.notify_all();
+    return nullptr;
+}
+
+constexpr StopSignalOps kRealStopSignalOps{::pipe2, pthread_create};
+const StopSignalOps* g_stopSignalOps = &kRealStopSignalOps;
 
 // The stop signals reach the main run loop through a pipe and a relay thread: posting a
 // block allocates and takes the run loop's lock, and creating a thread does too, none of
@@ -65,10 +88,30 @@ void* relay_thread(void*) {
     }
 }
 
+// Without the pipe or the relay thread a stop signal could only kill the tool, without
+// 257 and without the unregistration, leaving the host with a tool it believes alive.
+// Rather than run like that the tool does not start: it has not registered yet, so the
+// host's view stays right, and a failure this early (no descriptor or thread to spare in
+// a fresh process) would most likely fail the launch too. The exit status is 1 so that
+// whoever started the tool can tell and try again.
 bool install_stop_signals() {
-    if (::pipe2(g_signalPipe, O_CLOEXEC) != 0) return false;
+    if (g_stopSignalOps->pipe2(g_signalPipe, O_CLOEXEC) != 0) {
+        log_message(kTag, kComponent, 0,
+                    "Can't create the stop signal pipe (errno %d); DnD tool not started", errno);
+        g_signalPipe[0] = g_signalPipe[1] = -1;
+        return false;
+    }
     ::fcntl(g_signalPipe[1], F_SETFL, ::fcntl(g_signalPipe[1], F_GETFL) | O_NONBLOCK);
-    if (pthread_create(&g_relayThread, nullptr, relay_thread, nullptr) != 0) {
+    int rc;
+    {
+        // The relay must never take a stop signal itself: it is the one that would have to
+        // pass it on.
+        const ScopedSignalBlock block({SIGINT, SIGTERM});
+        rc = g_stopSignalOps->createThread(&g_relayThread, nullptr, relay_thread, nullptr);
+    }
+    if (rc != 0) {
+        log_message(kTag, kComponent, 0,
+                    "Can't create the stop signal relay thread (%d); DnD tool not started", rc);
         ::close(g_signalPipe[0]);
         ::close(g_signalPipe[1]);
         g_signalPipe[0] = g_signalPipe[1] = -1;
@@ -77,6 +120,13 @@ bool install_stop_signals() {
     g_relayRunning = true;
     std::signal(SIGINT, on_stop_signal);
     std::signal(SIGTERM, on_stop_signal);
+    // The main thread is where process-wide stop signals land (every other thread of the
+    // tool blocks them), even when whoever started the tool left them blocked.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    pthread_sigmask(SIG_UNBLOCK, &stopSignals, nullptr);
     return true;
 }
 
@@ -140,6 +190,10 @@ uint32_t query_os_version() {
 
 }  // namespace
 
+void set_stop_signal_ops(const StopSignalOps* ops) {
+    g_stopSignalOps = ops ? ops : &kRealStopSignalOps;
+}
+
 uint32_t os_version() {
     uint32_t v = g_osVersion.load();
     if (v == 0) {
@@ -178,10 +232,19 @@ void AppDelegate::applicationWillFinishLaunching(NSNotification*) {
         bool started = false;
         if (!g_pool->Init()) {
             log_message(kTag, kComponent, 0, "Can't init DnD thread pool");
-        } else if (pthread_create(&g_controlThread, nullptr, ControlThread, g_communicator) != 0) {
-            log_message(kTag, kComponent, 0, "Can't create control thread");
         } else {
-            started = true;
+            g_controlEnded = false;
+            int rc;
+            {
+                // SIGINT stays open: the stop sequence ends the thread's wait with it. A
+                // SIGTERM for the process goes to the main thread.
+                const ScopedSignalBlock block({SIGTERM});
+                rc = pthread_create(&g_controlThread, nullptr, control_thread_main, g_communicator);
+            }
+            if (rc != 0)
+                log_message(kTag, kComponent, 0, "Can't create control thread");
+            else
+                started = true;
         }
         if (started) {
             g_controlThreadRunning = true;
@@ -204,9 +267,18 @@ void stop_sequence() {
     const bool verbose = log_verbosity() > 0;
     if (verbose) log_message(kTag, kComponent, 1, "Stop DnD Tool");
     g_stopFlag.store(true);
-    // Cuts short the one-second sleep after a failed poll. The same handler runs on the
-    // control thread and queues a second stop block behind this one, which never runs.
-    pthread_kill(g_controlThread, SIGINT);
+    // Ends the wait for the host's answer to a poll (held until the host has a command) or
+    // the one-second sleep after a failed one. A SIGINT that lands just before the thread
+    // starts to wait is spent on nothing, so it is repeated until the thread has ended;
+    // the loop blocks it once it has left, so that none cuts short the 257 or the
+    // unregistration. The same handler runs on the control thread and queues further
+    // stop blocks behind this one, which never run.
+    {
+        std::unique_lock lock(g_controlEndMutex);
+        do {
+            pthread_kill(g_controlThread, SIGINT);
+        } while (!g_controlEnd.wait_for(lock, kInterruptRepeat, [] { return g_controlEnded; }));
+    }
     pthread_join(g_controlThread, nullptr);
     g_controlThreadRunning = false;
     if (verbose) log_message(kTag, kComponent, 1, "Stop DnD Tool [ctrl thread stop]");
@@ -230,7 +302,7 @@ int dragdrop_main() {
         log_message(kTag, kComponent, 0, "No toolgate");
         return 0;
     }
-    install_stop_signals();
+    if (!install_stop_signals()) return 1;
 
     NSApplication* app = NSApplication::sharedApplication();
     AppDelegate delegate;

@@ -34,7 +34,17 @@ class AppDelegate : public NSApplicationDelegate {
 // releases the shared objects and terminates the application.
 void stop_sequence();
 
-// The entry point: 0 in every case (old system, no toolgate, or after a stop).
+// The entry point: 0 after a stop and on an old system or without the toolgate; 1 when the
+// stop signals could not be set up (logged), in which case nothing was started.
 int dragdrop_main();
+
+// Tests only: the calls that set up the stop signals' pipe and relay thread.
+struct StopSignalOps {
+    int (*pipe2)(int fds[2], int flags);
+    int (*createThread)(pthread_t* thread, const pthread_attr_t* attr, void* (*start)(void*),
+                        void* arg);
+};
+// Installs replacements; nullptr restores the real calls.
+void set_stop_signal_ops(const StopSignalOps* ops);
 
 }  // namespace qvx

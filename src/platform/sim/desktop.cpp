@@ -17,6 +17,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "common/signal_block.h"
+
 namespace platform {
 namespace {
 
@@ -190,7 +192,12 @@ bool Desktop::Start() {
         ::unlink(m_path.c_str());
         return false;
     }
-    m_thread = std::thread([this] { Serve(); });
+    {
+        // The desktop stands for the window server, another process on a Mac: its thread
+        // never takes the tool's stop signals.
+        const qvx::ScopedSignalBlock block({SIGINT, SIGTERM});
+        m_thread = std::thread([this] { Serve(); });
+    }
     return true;
 }
 
