@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cinttypes>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -84,6 +85,9 @@ const char* state_name(Expectation::State state) {
 struct Host::Connection {
     uint64_t id = 0;
     int fd = -1;  // closed and set to -1 under Host::m_mutex
+    // Counts queued commands, so that a held poll can wait for one and for the guest's
+    // hang-up on this connection in the same poll(). Closed with `fd`.
+    int holdWake = -1;
     std::thread thread;
     std::atomic<bool> done{false};
     std::atomic<bool> dropped{false};  // shut down by drop_connections, not by the guest
@@ -184,9 +188,15 @@ void Host::accept_loop() {
         reap_finished();
         auto connection = std::make_shared<Connection>();
         connection->fd = fd;
+        connection->holdWake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        if (connection->holdWake < 0) {
+            close(fd);
+            continue;
+        }
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_stopping) {
             close(fd);
+            close(connection->holdWake);
             return;
         }
         connection->id = m_nextConnection++;
@@ -243,6 +253,8 @@ void Host::serve(std::shared_ptr<Connection> connection) {
         std::lock_guard<std::mutex> lock(m_mutex);
         close(connection->fd);
         connection->fd = -1;
+        close(connection->holdWake);
+        connection->holdWake = -1;
     }
     record_note(format("connection %" PRIu64 " closed: %s", connection->id, reason.c_str()),
                 connection->id);
@@ -283,7 +295,15 @@ bool Host::handle_frame(Connection& connection, const std::vector<uint8_t>& body
 
     uint32_t completion = 0;
     if (request.code == toolgate::kRequestDnD) {
-        completion = handle_dnd(connection, request, buffers[1], written[1], suspended);
+        const auto done = handle_dnd(connection, request, buffers[1], written[1], suspended);
+        if (!done) {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            reason = m_stopping           ? "host stopping while a poll was held"
+                     : connection.dropped ? "dropped by the host"
+                                          : "closed by the guest while a poll was held";
+            return false;
+        }
+        completion = *done;
     } else if (request.code == toolgate::kRequestToolService) {
         if (suspended) {
             completion = toolgate::kStatusSuspended;
@@ -320,8 +340,10 @@ bool Host::handle_frame(Connection& connection, const std::vector<uint8_t>& body
            (reason = "reply could not be sent", false);
 }
 
-uint32_t Host::handle_dnd(Connection& connection, const toolgate::RequestView& request,
-                          std::vector<uint8_t>& reply, uint32_t& replyWritten, bool suspended) {
+std::optional<uint32_t> Host::handle_dnd(Connection& connection,
+                                         const toolgate::RequestView& request,
+                                         std::vector<uint8_t>& reply, uint32_t& replyWritten,
+                                         bool suspended) {
     // A DnD exchange is one readable record (2196 bytes or more) and a writable reply
     // buffer of at least a record; anything else is refused without being decoded.
     if (request.count != 2 || (request.buffers[0].flags & toolgate::kFrameFlagWritable) ||
@@ -384,7 +406,9 @@ uint32_t Host::handle_dnd(Connection& connection, const toolgate::RequestView& r
                            ex.sequence),
                     connection.id);
     } else if (ex.command == dnd::kCmdPoll) {
-        status = answer_poll(ex);
+        const auto answer = answer_poll(connection, ex);
+        if (!answer) return std::nullopt;
+        status = *answer;
     } else if (handler) {
         status = handler(ex);
     }
@@ -412,16 +436,53 @@ uint32_t Host::handle_dnd(Connection& connection, const toolgate::RequestView& r
     return ex.completion;
 }
 
-uint32_t Host::answer_poll(Exchange& ex) {
-    HostCommand command;
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_wake.wait_for(lock, m_pollHold, [this] { return m_stopping || !m_queue.empty(); });
-        if (!m_queue.empty()) {
-            command = std::move(m_queue.front());
-            m_queue.pop_front();
+bool Host::wait_for_command(Connection& connection, std::optional<std::chrono::milliseconds> hold,
+                            HostCommand& command) {
+    using Clock = std::chrono::steady_clock;
+    // Capped so that the sum cannot overflow; a year is as good as forever here.
+    const auto deadline = hold ? Clock::now() + std::min<std::chrono::milliseconds>(
+                                                    *hold, std::chrono::hours(24 * 365))
+                               : Clock::time_point::max();
+    for (;;) {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (m_stopping) return false;
+            if (!m_queue.empty()) {
+                command = std::move(m_queue.front());
+                m_queue.pop_front();
+                return true;
+            }
+        }
+        int timeout = -1;
+        if (hold) {
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+            if (left.count() <= 0) return true;  // host command 0
+            timeout = static_cast<int>(std::min<int64_t>(left.count(), INT32_MAX));
+        }
+        // A command queued after the check above has already counted up holdWake, so it
+        // cannot be missed. Only the hang-up is asked for on the connection: the guest
+        // sends nothing else on a socket while its call is out.
+        pollfd fds[2] = {{connection.fd, POLLRDHUP, 0}, {connection.holdWake, POLLIN, 0}};
+        const int rc = poll(fds, 2, timeout);
+        if (rc < 0 && errno != EINTR) return false;
+        if (rc > 0 && (fds[0].revents & (POLLRDHUP | POLLHUP | POLLERR | POLLNVAL))) return false;
+        if (rc > 0 && (fds[1].revents & POLLIN)) {
+            uint64_t count;
+            if (read(connection.holdWake, &count, sizeof count) < 0) {
+                // Another reader cannot exist; a failed read only means nothing was counted.
+            }
         }
     }
+}
+
+std::optional<uint32_t> Host::answer_poll(Connection& connection, Exchange& ex) {
+    std::optional<std::chrono::milliseconds> hold;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        hold = m_pollHold;
+    }
+    HostCommand command;
+    if (!wait_for_command(connection, hold, command)) return std::nullopt;
     le::put64(ex.reply.data(), dnd::kOffWorkerId, command.workerId);
     for (const auto& [offset, value] : command.fields)
         if (offset >= dnd::kOffPayload && offset + 4 <= ex.reply.size())
@@ -484,11 +545,14 @@ void Host::record_note(std::string line, uint64_t connection) {
 }
 
 void Host::queue_command(HostCommand command) {
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_queue.push_back(std::move(command));
-    }
-    m_wake.notify_all();
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_queue.push_back(std::move(command));
+    // Every held poll looks; the first to take the command answers with it.
+    const uint64_t one = 1;
+    for (const auto& c : m_connections)
+        if (c->holdWake >= 0 && write(c->holdWake, &one, sizeof one) < 0) {
+            // Full only after 2^64 - 2 commands nobody took; the count stays non-zero.
+        }
 }
 
 void Host::queue_command(uint32_t command, uint64_t workerId) {
@@ -500,7 +564,7 @@ size_t Host::queued_commands() const {
     return m_queue.size();
 }
 
-void Host::set_poll_hold(std::chrono::milliseconds hold) {
+void Host::set_poll_hold(std::optional<std::chrono::milliseconds> hold) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_pollHold = hold;
 }

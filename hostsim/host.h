@@ -27,6 +27,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <span>
 #include <string>
 #include <thread>
@@ -92,9 +93,11 @@ struct Expectation {
 enum class FaultLevel { Reply, Completion };
 
 struct HostOptions {
-    std::string root;                         // empty: platform::root()
-    std::chrono::milliseconds pollHold{250};  // longest a poll is held open
-    bool trace = true;                        // false: keep no trace (throughput runs)
+    std::string root;  // empty: platform::root()
+    // Longest an idle poll is held before host command 0 answers it; empty (the default):
+    // held until a command is queued or the guest closes the connection.
+    std::optional<std::chrono::milliseconds> pollHold;
+    bool trace = true;  // false: keep no trace (throughput runs)
 };
 
 class Host {
@@ -114,12 +117,14 @@ class Host {
 
     // --- host commands -------------------------------------------------------------
     // Queued commands are handed out in order, one per poll. A poll that finds the queue
-    // empty is held until a command is queued (answered at once) or the hold passes
-    // (answered with host command 0, workerId 0).
+    // empty is held until a command is queued (answered at once), the guest closes that
+    // connection (left unanswered; the command stays for the next poll) or, with a hold
+    // limit set, the limit passes (answered with host command 0, workerId 0).
     void queue_command(HostCommand command);
     void queue_command(uint32_t command, uint64_t workerId = 0);
     size_t queued_commands() const;
-    void set_poll_hold(std::chrono::milliseconds hold);
+    // Sets the hold limit for polls that arrive from now on; std::nullopt removes it.
+    void set_poll_hold(std::optional<std::chrono::milliseconds> hold);
 
     // --- replies ---------------------------------------------------------------------
     // Every DnD command other than 259 is answered by its handler, else by the fallback
@@ -180,10 +185,16 @@ class Host {
     // Handles one request frame body; false closes the connection, with `reason` set.
     bool handle_frame(Connection& connection, const std::vector<uint8_t>& body,
                       std::string& reason);
-    // One DnD exchange: fills the reply buffer and returns the completion status.
-    uint32_t handle_dnd(Connection& connection, const toolgate::RequestView& request,
-                        std::vector<uint8_t>& reply, uint32_t& replyWritten, bool suspended);
-    uint32_t answer_poll(Exchange& exchange);
+    // One DnD exchange: fills the reply buffer and returns the completion status, or
+    // nothing when the guest left a held poll (the connection is then closed unanswered).
+    std::optional<uint32_t> handle_dnd(Connection& connection, const toolgate::RequestView& request,
+                                       std::vector<uint8_t>& reply, uint32_t& replyWritten,
+                                       bool suspended);
+    std::optional<uint32_t> answer_poll(Connection& connection, Exchange& exchange);
+    // Waits for a queued command; false when the guest closed the connection or the host
+    // stops. With `hold`, `command` stays host command 0 when the hold passes.
+    bool wait_for_command(Connection& connection, std::optional<std::chrono::milliseconds> hold,
+                          HostCommand& command);
     void note_host_command(uint32_t command, uint64_t workerId, uint64_t connection);
     void check_expectations(uint32_t command, uint64_t workerId, uint64_t connection);
     void record(TraceEntry entry);
@@ -209,7 +220,7 @@ class Host {
     bool m_toolStopped = false;
     bool m_suspended = false;
     bool m_stopping = false;
-    std::chrono::milliseconds m_pollHold;
+    std::optional<std::chrono::milliseconds> m_pollHold;
     std::vector<std::shared_ptr<Connection>> m_connections;
     uint64_t m_nextConnection = 1;
 

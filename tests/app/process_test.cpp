@@ -1,4 +1,5 @@
 // The real qvxdragdrop process in a private platform root, against the simulated host.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -7,8 +8,11 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <functional>
 #include <optional>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "hostsim/host.h"
 #include "support/temp_dir.h"
@@ -30,9 +34,11 @@ class ToolProcessTest : public ::testing::Test {
         qvxtest::make_dirs(m_root / "home");
     }
     void TearDown() override {
-        if (m_pid > 0) {
-            ::kill(m_pid, SIGKILL);
-            ::waitpid(m_pid, nullptr, 0);
+        for (pid_t pid : {m_pid, m_hostPid}) {
+            if (pid > 0) {
+                ::kill(pid, SIGKILL);
+                ::waitpid(pid, nullptr, 0);
+            }
         }
     }
 
@@ -61,18 +67,73 @@ class ToolProcessTest : public ::testing::Test {
             ::_exit(127);
         }
     }
+    // Starts qvxhost on this root with `args`, its standard output going to `outPath`.
+    void spawn_host(std::vector<std::string> args, const std::string& outPath) {
+        args.insert(args.begin(), {QVX_HOST_BIN, "--root", m_root.path()});
+        std::vector<char*> argv;
+        for (auto& a : args) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        const int out = ::open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        ASSERT_GE(out, 0);
+        m_hostPid = ::fork();
+        ASSERT_GE(m_hostPid, 0);
+        if (m_hostPid == 0) {
+            ::dup2(out, 1);
+            ::execv(QVX_HOST_BIN, argv.data());
+            ::_exit(127);
+        }
+        ::close(out);
+    }
     // The exit status when the process ends within `timeout`, so that a hang fails.
     std::optional<int> wait_exit(std::chrono::milliseconds timeout) {
+        return wait_exit(m_pid, timeout);
+    }
+    static std::optional<int> wait_exit(pid_t& pid, std::chrono::milliseconds timeout) {
         const auto end = Clock::now() + timeout;
         while (Clock::now() < end) {
             int status = 0;
-            if (::waitpid(m_pid, &status, WNOHANG) == m_pid) {
-                m_pid = -1;
+            if (::waitpid(pid, &status, WNOHANG) == pid) {
+                pid = -1;
                 return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
             }
             std::this_thread::sleep_for(5ms);
         }
         return std::nullopt;
+    }
+    static bool wait_until(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
+        for (const auto end = Clock::now() + timeout; Clock::now() < end;) {
+            if (done()) return true;
+            std::this_thread::sleep_for(10ms);
+        }
+        return done();
+    }
+
+    // The stop as the log and the host saw it: the four stop lines in order after the
+    // control thread's own, nothing reported as a failure, 257 then the unregistration.
+    void expect_orderly_stop(const hostsim::Host& host) {
+        EXPECT_TRUE(host.tool_stopped());
+        const auto lines = host.trace().lines();
+        auto at = [&](const std::string& text) {
+            for (size_t i = 0; i < lines.size(); ++i)
+                if (lines[i].find(text) != std::string::npos) return static_cast<long>(i);
+            return -1L;
+        };
+        const long stop = at("guest->host 257");
+        const long unreg = at("unregister quorvex.DragDropTool.guest.mac");
+        EXPECT_GE(stop, 0);
+        EXPECT_GT(unreg, stop);
+
+        const std::string text = log();
+        const size_t s1 = text.find("[DNDTOOL] Stop DnD Tool\n");
+        const size_t s2 = text.find("[DNDTOOL] Stop DnD Tool [ctrl thread stop]\n");
+        const size_t s3 = text.find("[DNDTOOL] Stop DnD Tool [DnDPool stop]\n");
+        const size_t s4 = text.find("[DNDTOOL] Stop DnD Tool [communicator deleted]\n");
+        ASSERT_NE(s4, std::string::npos) << text;
+        EXPECT_TRUE(s1 < s2 && s2 < s3 && s3 < s4) << text;
+        EXPECT_LT(text.find("[DNDTOOL] Control Thread stopped"), s2);
+        EXPECT_EQ(log_count("Stop DnD Tool\n"), 1u);  // the further stop blocks never run
+        EXPECT_EQ(log_count("Can't send"), 0u) << text;
+        EXPECT_EQ(log().find(" F /qvxdragdrop:"), std::string::npos) << text;
     }
     std::string log() { return exists(log_path()) ? qvxtest::read_file(log_path()) : ""; }
     std::string log_path() { return m_root / "Library/Logs/quorvex.log"; }
@@ -86,6 +147,7 @@ class ToolProcessTest : public ::testing::Test {
 
     qvxtest::TempDir m_root;
     pid_t m_pid = -1;
+    pid_t m_hostPid = -1;
 };
 
 TEST_F(ToolProcessTest, WithoutToolgateItLogsAndLeavesWithoutAnApplication) {
@@ -136,11 +198,12 @@ TEST_F(ToolProcessTest, StopSignalStopsInOrderAndSaysGoodbye) {
         ASSERT_TRUE(
             host->trace().wait_for_line("expectation met: 256 after host command 10", 3000ms));
         EXPECT_TRUE(exists(m_root / "run/quorvex/desktop"));
+        // The poll after 10 is held: the stop must end it.
+        ASSERT_TRUE(wait_until([&] { return host->message_count(259) == 2; }, 2000ms));
         const auto sent = Clock::now();
         ::kill(m_pid, sig);
         EXPECT_EQ(wait_exit(1000ms), std::optional<int>(0));
         EXPECT_LT(Clock::now() - sent, 1000ms);
-        EXPECT_TRUE(host->tool_stopped());
         EXPECT_TRUE(host->expectations_met());
         EXPECT_FALSE(exists(m_root / "run/quorvex/desktop"));
 
@@ -151,25 +214,57 @@ TEST_F(ToolProcessTest, StopSignalStopsInOrderAndSaysGoodbye) {
             return -1L;
         };
         const long reg = at("register quorvex.DragDropTool.guest.mac (DnD tool)");
-        const long stop = at("guest->host 257");
-        const long unreg = at("unregister quorvex.DragDropTool.guest.mac");
         EXPECT_GE(reg, 0);
         EXPECT_LT(reg, at("guest->host 259"));
-        EXPECT_GT(unreg, stop);
-        EXPECT_GE(stop, 0);
-
-        const std::string text = log();
-        const size_t a = text.find("W /qvxdragdrop:");
-        const size_t s1 = text.find("[DNDTOOL] Stop DnD Tool\n");
-        const size_t s2 = text.find("[DNDTOOL] Stop DnD Tool [ctrl thread stop]\n");
-        const size_t s3 = text.find("[DNDTOOL] Stop DnD Tool [DnDPool stop]\n");
-        const size_t s4 = text.find("[DNDTOOL] Stop DnD Tool [communicator deleted]\n");
-        EXPECT_NE(a, std::string::npos);
-        ASSERT_NE(s4, std::string::npos) << text;
-        EXPECT_TRUE(s1 < s2 && s2 < s3 && s3 < s4) << text;
-        EXPECT_LT(text.find("[DNDTOOL] Control Thread stopped"), s2);
-        EXPECT_EQ(log_count("Stop DnD Tool\n"), 1u);  // the second stop block never runs
+        EXPECT_NE(log().find("W /qvxdragdrop:"), std::string::npos);
+        expect_orderly_stop(*host);
     }
+}
+
+TEST_F(ToolProcessTest, IdleToolWritesNothingAndStopsAtOnceWhileItsPollIsHeld) {
+    auto host = start_host();  // holds an idle poll until it has a command
+    spawn();
+    ASSERT_TRUE(host->trace().wait_for_line("guest->host 259 poll", 3000ms));
+    const uint64_t requests = host->request_count();
+    const std::string logAtStart = log();
+
+    std::this_thread::sleep_for(20s);
+    EXPECT_EQ(host->message_count(259), 1u);  // one poll, held all along
+    EXPECT_EQ(host->request_count(), requests);
+    EXPECT_EQ(log(), logAtStart);
+
+    const auto sent = Clock::now();
+    ::kill(m_pid, SIGTERM);
+    EXPECT_EQ(wait_exit(2000ms), std::optional<int>(0));
+    const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - sent);
+    EXPECT_LT(took, 500ms);
+    RecordProperty("stop_ms", static_cast<int>(took.count()));
+    expect_orderly_stop(*host);
+}
+
+TEST_F(ToolProcessTest, BoundedHoldOfQvxhostIsAnsweredWithZeroWhichTheToolClosesWith260) {
+    const std::string tracePath = m_root / "host.trace";
+    spawn_host({"--trace", "--poll-hold-ms", "250"}, tracePath);
+    ASSERT_TRUE(
+        wait_until([&] { return exists(m_root / "run/quorvex/iokit/QvxPCIToolGate"); }, 3000ms));
+    spawn();
+    auto count = [&](const std::string& text) {
+        const std::string all = exists(tracePath) ? qvxtest::read_file(tracePath) : "";
+        size_t n = 0;
+        for (size_t pos = all.find(text); pos != std::string::npos; pos = all.find(text, pos + 1))
+            ++n;
+        return n;
+    };
+    // Four times a second: host command 0, logged and closed with 260.
+    EXPECT_TRUE(wait_until([&] { return count("guest->host 260 end worker=0") >= 3; }, 5000ms));
+    EXPECT_GE(count("host->guest 259 status=0 worker=0"), 3u);
+    EXPECT_GE(count("host->guest 260 status=0"), 3u);
+    EXPECT_GE(log_count("[DNDTOOL] DnD command received [0]"), 3u);
+    ::kill(m_pid, SIGTERM);
+    EXPECT_EQ(wait_exit(1000ms), std::optional<int>(0));
+    EXPECT_EQ(log_count("Stop DnD Tool [communicator deleted]"), 1u);
+    ::kill(m_hostPid, SIGTERM);
+    EXPECT_EQ(wait_exit(m_hostPid, 2000ms), std::optional<int>(0));
 }
 
 TEST_F(ToolProcessTest, UnansweredToolgateIsRetriedOnceASecondUntilStopped) {

@@ -17,6 +17,8 @@
 #include "channel/communicator.h"
 #include "channel/dnd_message.h"
 #include "common/byte_order.h"
+#include "common/toolgate_abi.h"
+#include "platform/sim/toolgate_frames.h"
 #include "support/private_root.h"
 
 namespace {
@@ -54,7 +56,7 @@ class HostTest : public ::testing::Test {
     std::unique_ptr<qvx::CommonMacCommunicator> comm;
 };
 
-TEST_F(HostTest, PollIsHeldThenAnsweredWithZeroOrAtOnceWithAQueuedCommand) {
+TEST_F(HostTest, BoundedHoldAnswersZeroOrAtOnceWithAQueuedCommand) {
     auto start = std::chrono::steady_clock::now();
     auto reply = exchange(dnd::kCmdPoll);
     ASSERT_FALSE(reply.empty());
@@ -91,7 +93,7 @@ TEST_F(HostTest, ExpectationsAreMetByTheRightAnswerAndMissedByAnEarlyPoll) {
     EXPECT_TRUE(host.expectations_met());
     EXPECT_EQ(dnd::status(exchange(dnd::kCmdPoll).data()), 78u);
     EXPECT_FALSE(host.expectations_met());  // pending
-    exchange(dnd::kCmdPoll);  // 78 was never answered
+    exchange(dnd::kCmdPoll);                // 78 was never answered
     exchange(dnd::kCmdToolStops);
 
     const auto e = host.expectations();
@@ -126,6 +128,45 @@ TEST_F(HostTest, FaultsHitExactlyTheNthMessageAndHandlersShapeReplies) {
     EXPECT_TRUE(host.trace().contains("guest->host 275 move-mouse worker=0 x=100 y=200 buttons=1"));
     EXPECT_TRUE(host.trace().contains("host->guest 275 status=9 worker=0"));
     EXPECT_TRUE(host.trace().contains("host->guest 259 completion=0xf0000025"));
+}
+
+int raw_connect(const std::string& path);
+
+// A poll frame as the guest sends it: the record, and a reply buffer without contents.
+std::vector<uint8_t> poll_frame() {
+    const toolgate::FrameBuffer buffers[2] = {{dnd::kMessageSize, toolgate::kFrameFlagContents},
+                                              {dnd::kMessageSize, toolgate::kFrameFlagWritable}};
+    std::vector<uint8_t> frame(toolgate::request_header_bytes(2) + dnd::kMessageSize);
+    toolgate::encode_request_header(frame.data(), toolgate::kRequestDnD, buffers, 2,
+                                    dnd::kMessageSize);
+    dnd::init_message(frame.data() + toolgate::request_header_bytes(2), dnd::kMessageSize,
+                      dnd::kCmdPoll, 0);
+    return frame;
+}
+
+TEST_F(HostTest, IdlePollWaitsForACommandAndIsLeftWhenTheGuestHangsUp) {
+    host.set_poll_hold(std::nullopt);
+    // A guest that gives up on its held poll: the next command must not be spent on it.
+    const int fd = raw_connect(host.socket_path());
+    const auto frame = poll_frame();
+    ASSERT_EQ(send(fd, frame.data(), frame.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(frame.size()));
+    ASSERT_TRUE(host.trace().wait_for_line("guest->host 259 poll", 2s));
+    close(fd);
+    EXPECT_TRUE(host.trace().wait_for_line("closed by the guest while a poll was held", 2s));
+
+    std::thread late([&] {
+        std::this_thread::sleep_for(400ms);
+        host.queue_command(10);
+    });
+    const auto start = std::chrono::steady_clock::now();
+    const auto reply = exchange(dnd::kCmdPoll);
+    late.join();
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 350ms);  // held, not answered with 0
+    ASSERT_FALSE(reply.empty());
+    EXPECT_EQ(dnd::status(reply.data()), 10u);
+    EXPECT_EQ(host.queued_commands(), 0u);
+    EXPECT_EQ(host.trace().count("host->guest 259"), 1u);
 }
 
 int raw_connect(const std::string& path) {

@@ -43,15 +43,18 @@ int main(int argc, char** argv) {
     bool suspend = false;
     std::vector<std::string> commands;
     std::vector<std::string> fails;
-    int64_t pollHoldMs = 250;
+    int64_t pollHoldMs = 0;
     uint64_t closeAt = 0;
     unsigned busyProbes = 0;
     uint64_t probeStatus = 0;
     app.add_option("--root", root, "Platform root (default: $QVX_PLATFORM_ROOT or /)");
     app.add_flag("--trace", trace, "Print each exchange as it happens");
     app.add_option("--command", commands, "Queue a host command CODE[:WORKER] (repeatable)");
-    app.add_option("--poll-hold-ms", pollHoldMs, "Longest a poll is held open")
-        ->check(CLI::NonNegativeNumber);
+    CLI::Option* pollHold =
+        app.add_option("--poll-hold-ms", pollHoldMs,
+                       "Answer an idle poll with host command 0 after this long (default: hold "
+                       "it until a command is queued)")
+            ->check(CLI::NonNegativeNumber);
     app.add_option("--fail", fails,
                    "Answer status STATUS to the N-th message of command CMD: CMD:N:STATUS, "
                    "or CMD:N:STATUS:completion for the toolgate status (repeatable)");
@@ -70,7 +73,7 @@ int main(int argc, char** argv) {
 
     hostsim::HostOptions options;
     options.root = root;
-    options.pollHold = std::chrono::milliseconds(pollHoldMs);
+    if (pollHold->count() > 0) options.pollHold = std::chrono::milliseconds(pollHoldMs);
     hostsim::Host host(options);
 
     for (const auto& c : commands) {
