@@ -148,27 +148,51 @@ const LogPaths* ensure_paths() {
     return paths;
 }
 
-void close_log_fd() {
-    int old = g_fd.exchange(-1);
-    if (old >= 0) close(old);
-}
+// The log's descriptor number, once it has one, stays the log's for the life of the
+// process: a new file is put in place over the same number (dup3) and never by closing
+// it. A writer may hold the number between log_open and its write; had the number been
+// closed, the next open or socket of the process could get it, and the late line would
+// land in a received file or a toolgate socket.
+constinit std::atomic<const LogPaths*> g_fdPaths{nullptr};  // the paths fd was opened for
 
 int open_path(const char* path) {
     return open(path, O_WRONLY | O_APPEND | O_CREAT, 0666);
 }
 
-// Makes `fresh` the log descriptor if the descriptor is still `expected`; otherwise
-// another thread reopened first, and its descriptor wins.
-int install_fd(int expected, int fresh) {
+// Makes the file open as `fresh` the log file and returns the log's descriptor. The
+// first open publishes `fresh` itself; later ones copy it over the number in use.
+int install_fd(int current, int fresh, const LogPaths* paths) {
     // The creation mask of the process must not narrow a file that every user shares.
     fchmod(fresh, 0666);
-    int current = expected;
-    if (g_fd.compare_exchange_strong(current, fresh)) {
-        if (expected >= 0) close(expected);
+    if (current < 0) {
+        if (!g_fd.compare_exchange_strong(current, fresh)) {
+            // Another thread opened first; its descriptor wins.
+            close(fresh);
+            return current;
+        }
+        g_fdPaths.store(paths);
         return fresh;
     }
+    // Threads replacing at once each put the file of the path they saw; should the last
+    // one be stale, the next once-a-second check replaces it again.
+    if (dup3(fresh, current, 0) == -1) {
+        close(fresh);
+        return current;
+    }
     close(fresh);
+    g_fdPaths.store(paths);
     return current;
+}
+
+// Lets go of the open file without letting go of its number: /dev/null takes its place
+// until the next line opens the new path.
+void release_log_file() {
+    const int fd = g_fd.load();
+    if (fd < 0) return;
+    const int null = open("/dev/null", O_WRONLY);
+    if (null < 0) return;  // the next line replaces the file anyway
+    dup3(null, fd, 0);
+    close(null);
 }
 
 bool names_open_file(const char* path, int fd) {
@@ -391,9 +415,11 @@ int log_verbosity() {
 
 void log_set_directory(const char* folder, const char* name) {
     ErrnoGuard keep;
+    // Released before the new path is published: a line that slips in between goes to
+    // /dev/null, never to the old file after the caller was told it is closed.
+    release_log_file();
     publish_paths(folder != nullptr ? folder : "", name != nullptr ? name : kFileName);
     g_fallbackTaken.store(0);
-    close_log_fd();
 }
 
 const char* log_directory() {
@@ -407,25 +433,30 @@ const char* log_file_path() {
 int log_open() {
     time_t now = time(nullptr);
     int fd = g_fd.load();
-    if (fd >= 0) {
+    // A descriptor opened for another path (log_set_directory, the fallback) is replaced
+    // at once; otherwise the file is compared with its path once per second.
+    if (fd >= 0 && g_fdPaths.load() == ensure_paths()) {
         time_t last = g_lastCheck.load(std::memory_order_relaxed);
         if (last == now) return fd;
         // One thread per second does the check; the others go on with the open file.
         if (g_lastCheck.exchange(now) == now) return fd;
         if (names_open_file(ensure_paths()->path, fd)) return fd;
     }
-    int fresh = open_path(ensure_paths()->path);
+    const LogPaths* paths = ensure_paths();
+    int fresh = open_path(paths->path);
     if (fresh < 0) {
         if (g_fallbackTaken.load() != 0) return -1;
         // The machine-wide folder is given up for good: later lines go to the user's.
         publish_paths(user_directory(), kFileName);
-        close_log_fd();
-        fd = -1;
         g_fallbackTaken.store(1);
-        fresh = open_path(g_paths.load()->path);
-        if (fresh < 0) return -1;
+        paths = g_paths.load();
+        fresh = open_path(paths->path);
+        if (fresh < 0) {
+            release_log_file();
+            return -1;
+        }
     }
-    return install_fd(fd, fresh);
+    return install_fd(fd, fresh, paths);
 }
 
 void log_write_header() {

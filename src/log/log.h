@@ -39,6 +39,8 @@ LogWriter log_set_writer(LogWriter writer);
 void log_set_verbosity(int verbosity);  // -1 restores the default, 1
 int log_verbosity();
 
+// Makes folder/name the log file. The open file is let go at once, but its descriptor
+// number stays the log's (it then names /dev/null) until the next line opens the new path.
 void log_set_directory(const char* folder, const char* name);
 const char* log_directory();
 const char* log_file_path();

@@ -1,13 +1,17 @@
 // Tests of the log file: default folders, fallback, reopening after removal and banner.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
+#include <functional>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -150,6 +154,76 @@ TEST(LogFile, RemovedFileIsRecreatedWithinASecondWithSharedMode) {
     EXPECT_LT(std::chrono::steady_clock::now() - removedAt, std::chrono::milliseconds(1500));
     EXPECT_EQ(permissions(path), 0666u);
     EXPECT_NE(qvxtest::read_file(path).find("after removal"), std::string::npos);
+}
+
+// A writer that does what the file writer does, taking the descriptor and then writing,
+// but stops in between for the line "held line" until released.
+std::atomic<bool> g_held{false};
+std::atomic<bool> g_release{false};
+
+int holding_writer(const char* text, int32_t length) {
+    const int fd = qvx::log_open();
+    if (fd < 0) return -1;
+    if (std::strstr(text, "held line") != nullptr) {
+        g_held = true;
+        while (!g_release) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return static_cast<int>(::write(fd, text, static_cast<size_t>(length)));
+}
+
+// Holds one line between its two steps, runs `replace` (which makes the log let go of its
+// file), then opens files the way any other part of the process would, and lets the line
+// go. Returns the contents of those files.
+std::vector<std::string> late_line_targets(const TempDir& dir,
+                                           const std::function<void()>& replace) {
+    g_held = false;
+    g_release = false;
+    qvx::LogWriter previous = qvx::log_set_writer(holding_writer);
+    std::thread writer([] { qvx::log_message("", "c", 0, "held line"); });
+    while (!g_held) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    replace();
+    std::vector<int> fds;
+    for (int i = 0; i < 16; ++i) {
+        fds.push_back(::open((dir / "other" + std::to_string(i)).c_str(),
+                             O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    }
+    g_release = true;
+    writer.join();
+    qvx::log_set_writer(previous);
+    std::vector<std::string> contents;
+    for (size_t i = 0; i < fds.size(); ++i) {
+        if (fds[i] >= 0) ::close(fds[i]);
+        contents.push_back(qvxtest::read_file(dir / "other" + std::to_string(i)));
+    }
+    return contents;
+}
+
+TEST(LogFile, LateLineNeverReachesAFileOpenedAfterTheReopen) {
+    TempDir dir;
+    qvx::log_set_directory(dir.path().c_str(), "quorvex.log");
+    qvx::log_message("", "c", 0, "first");
+    const std::string path = dir / "quorvex.log";
+    const auto others = late_line_targets(dir, [&] {
+        EXPECT_EQ(::unlink(path.c_str()), 0);
+        wait_for_next_second();
+        qvx::log_message("", "c", 0, "reopens the file");
+        EXPECT_TRUE(exists(path));
+    });
+    for (const std::string& text : others) EXPECT_EQ(text, "");
+    // The number the writer held now names the new file, so the line is not even lost.
+    EXPECT_NE(qvxtest::read_file(path).find("held line"), std::string::npos);
+}
+
+TEST(LogFile, LateLineNeverReachesAFileOpenedAfterTheFolderChanged) {
+    TempDir dir;
+    qvx::log_set_directory(dir.path().c_str(), "quorvex.log");
+    qvx::log_message("", "c", 0, "first");
+    qvxtest::make_dirs(dir / "elsewhere");
+    const auto others = late_line_targets(
+        dir, [&] { qvx::log_set_directory((dir / "elsewhere").c_str(), "quorvex.log"); });
+    for (const std::string& text : others) EXPECT_EQ(text, "");
+    EXPECT_EQ(qvxtest::read_file(dir / "quorvex.log").find("held line"), std::string::npos)
+        << "the old file was let go before the call returned";
 }
 
 TEST(LogFile, HeaderBanner) {
