@@ -8,6 +8,10 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <new>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "platform/seams/syscalls.h"
 
@@ -20,46 +24,121 @@ bool is_dot_entry(const char* name) {
     return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
 }
 
-// Empties the folder open as `dirFd` (taken over and closed). Every step names entries
-// relative to that descriptor, so a folder renamed or swapped for a link while we work
-// can't lead the walk outside the tree.
-bool remove_contents(int dirFd) {
-    DIR* dir = platform::sys_fdopendir(dirFd);
-    if (!dir) {
-        platform::sys_close(dirFd);
+// Folders held open at once while a tree is removed. Deeper levels are reached through
+// the ones held; a level let go of is opened again, through ".." of the level below it,
+// when the walk comes back up to it.
+constexpr size_t kOpenLevels = 8;
+
+// One folder on the way down: its stream while held, its identity, and its name in the
+// folder above it. Owns the stream, so that no way out of a walk leaks a descriptor.
+struct Level {
+    DIR* dir = nullptr;
+    dev_t dev = 0;
+    ino_t ino = 0;
+    std::string name;
+
+    Level() = default;
+    Level(Level&& other) noexcept
+        : dir(std::exchange(other.dir, nullptr)),
+          dev(other.dev),
+          ino(other.ino),
+          name(std::move(other.name)) {}
+    Level& operator=(Level&&) = delete;
+    ~Level() { let_go(); }
+
+    void let_go() {
+        if (!dir) return;
+        const int error = errno;
+        platform::sys_closedir(dir);
+        dir = nullptr;
+        errno = error;
+    }
+    int fd() const { return dirfd(dir); }
+};
+
+// Makes the folder open as `fd` (taken over) the level's stream and notes its identity.
+bool hold(Level& level, int fd) {
+    struct stat st {};
+    if (platform::sys_fstat(fd, &st) != 0 || !(level.dir = platform::sys_fdopendir(fd))) {
+        const int error = errno;
+        platform::sys_close(fd);
+        errno = error;
         return false;
     }
-    bool ok = true;
-    for (;;) {
-        errno = 0;
-        const dirent* entry = platform::sys_readdir(dir);
-        if (!entry) {
-            ok = errno == 0;
-            break;
-        }
-        const char* name = entry->d_name;
-        if (is_dot_entry(name)) continue;
-        struct stat st {};
-        if (platform::sys_fstatat(dirFd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
-            ok = false;
-            break;
-        }
-        if (S_ISDIR(st.st_mode)) {
-            // O_NOFOLLOW: if the folder was replaced by a link since fstatat, this fails
-            // instead of descending through it.
-            const int child = platform::sys_openat(dirFd, name, kDirFlags);
-            ok = child != -1 && remove_contents(child) &&
-                 platform::sys_unlinkat(dirFd, name, AT_REMOVEDIR) == 0;
-        } else {
-            ok = platform::sys_unlinkat(dirFd, name, 0) == 0;
-        }
-        if (!ok) break;
-    }
-    const int error = errno;
-    platform::sys_closedir(dir);
-    errno = error;
-    return ok;
+    level.dev = st.st_dev;
+    level.ino = st.st_ino;
+    return true;
 }
+
+// Opens the folder `name` of `dirFd`. O_NOFOLLOW: a folder replaced by a link since it
+// was looked at fails instead of being descended.
+bool open_level(int dirFd, const char* name, Level& level) {
+    const int fd = platform::sys_openat(dirFd, name, kDirFlags);
+    return fd != -1 && hold(level, fd);
+}
+
+// Empties a folder tree level by level. Every step names entries relative to a folder
+// descriptor, so a folder renamed or swapped for a link while we work can't lead the walk
+// outside the tree, and no path grows with the depth. At most kOpenLevels streams are held.
+class TreeWalk {
+  public:
+    // Takes over `rootFd`, the folder to empty; the folder itself stays.
+    bool empty(int rootFd) {
+        Level root;
+        if (!hold(root, rootFd)) return false;
+        m_levels.push_back(std::move(root));
+        for (;;) {
+            const int topFd = m_levels.back().fd();
+            errno = 0;
+            const dirent* entry = platform::sys_readdir(m_levels.back().dir);
+            if (!entry) {
+                if (errno != 0) return false;
+                if (m_levels.size() == 1) return true;
+                if (!leave_level()) return false;
+                continue;
+            }
+            const char* name = entry->d_name;
+            if (is_dot_entry(name)) continue;
+            struct stat child {};
+            if (platform::sys_fstatat(topFd, name, &child, AT_SYMLINK_NOFOLLOW) != 0) return false;
+            if (!S_ISDIR(child.st_mode)) {
+                if (platform::sys_unlinkat(topFd, name, 0) != 0) return false;
+                continue;
+            }
+            Level next;
+            next.name = name;  // `entry` lives only until the next readdir
+            if (!open_level(topFd, name, next)) return false;
+            m_levels.push_back(std::move(next));
+            if (m_levels.size() - m_firstHeld > kOpenLevels) m_levels[m_firstHeld++].let_go();
+        }
+    }
+
+  private:
+    // The emptied top level is removed from the one above it, which is opened again first
+    // if it was let go of. ".." is no link to follow, and the identity check makes sure it
+    // is still the folder we came down through.
+    bool leave_level() {
+        Level& done = m_levels.back();
+        Level& parent = m_levels[m_levels.size() - 2];
+        if (!parent.dir) {
+            Level again;
+            if (!open_level(done.fd(), "..", again)) return false;
+            if (again.dev != parent.dev || again.ino != parent.ino) {
+                errno = ESTALE;
+                return false;
+            }
+            parent.dir = std::exchange(again.dir, nullptr);
+            m_firstHeld = m_levels.size() - 2;
+        }
+        done.let_go();
+        if (platform::sys_unlinkat(parent.fd(), done.name.c_str(), AT_REMOVEDIR) != 0) return false;
+        m_levels.pop_back();
+        return true;
+    }
+
+    std::vector<Level> m_levels;  // from the root down to the folder being emptied
+    size_t m_firstHeld = 0;       // levels from here on are held open
+};
 
 }  // namespace
 
@@ -88,7 +167,13 @@ bool remove_tree(const char* path) {
             errno = error;
         }
     } else {
-        removed = remove_contents(dirFd) && platform::sys_rmdir(own) == 0;
+        try {
+            TreeWalk walk;
+            removed = walk.empty(dirFd);
+        } catch (const std::bad_alloc&) {
+            errno = ENOMEM;
+        }
+        removed = removed && platform::sys_rmdir(own) == 0;
     }
     const int error = errno;
     std::free(own);

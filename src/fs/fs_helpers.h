@@ -15,7 +15,8 @@ bool make_directory(const char* path, uint32_t* result = nullptr);
 // (what was removed stays removed). Works through descriptors of the folders it has open and
 // never follows a symbolic link: a link inside the tree is unlinked, and a link given as
 // `path` is unlinked itself. A path that is neither a folder nor a link gives false and is
-// left alone. Logs nothing.
+// left alone. Holds a bounded number of folders open whatever the depth of the tree, and
+// builds no path below `path`. Logs nothing.
 bool remove_tree(const char* path);
 
 // Bytes in an open file; for a block or character device the disk's block count times block

@@ -6,10 +6,12 @@
 #include <gtest/gtest.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <string>
 
 #include "support/fault_scope.h"
@@ -90,6 +92,73 @@ TEST(RemoveTree, RemovesLinksAsLinksAndNeverFollowsThem) {
     EXPECT_EQ(qvxtest::read_file(dir / "outside/precious"), "data");
 }
 
+// A folder far deeper than both the descriptor limit and PATH_MAX, built and checked
+// through descriptors only.
+TEST(RemoveTree, RemovesATreeDeeperThanTheDescriptorLimit) {
+    TempDir dir;
+    qvxtest::write_file(dir / "outside/precious", "data");
+    qvxtest::make_dirs(dir / "deep");
+    constexpr int kDepth = 2000;
+    int fd = ::open((dir / "deep").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_NE(fd, -1);
+    for (int level = 1; level <= kDepth; ++level) {
+        if (level % 500 == 0) {
+            const int file = ::openat(fd, "file", O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+            ASSERT_NE(file, -1);
+            ::close(file);
+        }
+        if (level == 1500) {
+            ASSERT_EQ(::symlinkat((dir / "outside").c_str(), fd, "out"), 0);
+        }
+        ASSERT_EQ(::mkdirat(fd, "level-folder", 0755), 0) << level;
+        const int next = ::openat(fd, "level-folder", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        ASSERT_NE(next, -1) << level;
+        ::close(fd);
+        fd = next;
+    }
+    ::close(fd);
+
+    rlimit saved{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
+    rlimit low = saved;
+    low.rlim_cur = 64;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+    const bool removed = qvx::remove_tree((dir / "deep").c_str());
+    const int error = errno;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &saved), 0);
+    EXPECT_TRUE(removed) << strerror(error);
+    EXPECT_FALSE(exists(dir / "deep"));
+    EXPECT_EQ(qvxtest::read_file(dir / "outside/precious"), "data");
+}
+
+std::string g_moveFrom, g_moveTo;
+
+// A folder moved out of the tree while the walk is deep below it: coming back up, the walk
+// finds through ".." a folder other than the one it came down through, and stops there
+// instead of emptying it.
+TEST(RemoveTree, StopsWhenAFolderWasMovedOutOfTheTreeMeanwhile) {
+    TempDir dir;
+    std::string path = dir / "t";
+    for (int i = 0; i < 40; ++i) path += "/d";
+    qvxtest::write_file(path + "/f", "x");
+    qvxtest::write_file(dir / "outside/keep", "data");
+    g_moveFrom = dir / "t/d/d/d/d/d";
+    g_moveTo = dir / "outside/d";
+    FaultScope faults;
+    faults.table().unlinkat = [](int dirFd, const char* name, int flags) {
+        // The deepest file goes first; the folder five levels down moves out right then.
+        if (std::strcmp(name, "f") == 0 && !g_moveFrom.empty()) {
+            EXPECT_EQ(::rename(g_moveFrom.c_str(), g_moveTo.c_str()), 0);
+            g_moveFrom.clear();
+        }
+        return ::unlinkat(dirFd, name, flags);
+    };
+    faults.install();
+    EXPECT_FALSE(qvx::remove_tree((dir / "t").c_str()));
+    EXPECT_EQ(qvxtest::read_file(dir / "outside/keep"), "data");
+    EXPECT_TRUE(exists(dir / "t/d/d/d/d"));
+}
+
 TEST(RemoveTree, StopsAtFirstEntryThatCannotBeRemoved) {
     TempDir dir;
     for (const char* name : {"a", "b", "c", "d", "e"}) qvxtest::write_file(dir / "t/" + name, name);
@@ -105,14 +174,18 @@ TEST(RemoveTree, StopsAtFirstEntryThatCannotBeRemoved) {
 }
 
 // Every call of a nested removal failing in turn: each failed run holds no descriptor, and a
-// clean retry finishes the job.
+// clean retry finishes the job. One branch is deep enough for folders to be let go of and
+// opened again on the way back up.
 TEST(RemoveTree, SurvivesAFaultAtEveryCall) {
     TempDir dir;
     const std::string root = dir / "t";
+    std::string deep = root + "/sub";
+    for (int i = 0; i < 10; ++i) deep += "/d";
     auto build = [&] {
         qvxtest::write_file(root + "/f", "1");
         qvxtest::write_file(root + "/sub/g", "2");
         qvxtest::write_file(root + "/sub/deeper/h", "3");
+        qvxtest::write_file(deep + "/i", "4");
         if (!exists(root + "/link")) ::symlink(dir.path().c_str(), (root + "/link").c_str());
     };
     FaultScope faults;
