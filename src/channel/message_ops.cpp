@@ -165,10 +165,9 @@ bool SendFileList(const DnDContext& ctx, bool variant, const std::vector<std::st
     names.reserve(paths.size());
     uint64_t namesSize = 0;
     for (const std::string& path : paths) {
+        // A path that is no valid UTF-8 converts to an empty name and goes out as one, so
+        // the list keeps one name per path.
         names.push_back(Utf8ToUtf16(path));
-        // A path that is no valid UTF-8 would go out as an empty name, which the host
-        // cannot find; announce nothing rather than a list with a hole in it.
-        if (names.back().empty() && !path.empty()) return false;
         namesSize += names.back().size() * 2 + 2;
         if (namesSize > kMaxFileListBytes) return false;
     }
@@ -199,15 +198,20 @@ bool SendFileList(const DnDContext& ctx, bool variant, const std::vector<std::st
 // Operations that carry an item name refuse a name over 1023 code units without
 // sending anything: a cut name would name a different item on the other side.
 
-bool SendEntry(const DnDContext& ctx, const ItemInfo& entry) {
+bool SendEntry(const DnDContext& ctx, const ItemInfo& entry, bool* refusedLocally) {
     Record out, reply;
-    if (!build_file_entry(out.data(), ctx.workerId, entry)) return false;
+    const bool built = build_file_entry(out.data(), ctx.workerId, entry);
+    if (refusedLocally) *refusedLocally = !built;
+    if (!built) return false;
     return send_reporting(ctx, out, reply);
 }
 
-bool SendEntryName(const DnDContext& ctx, const ItemInfo& entry, bool report) {
+bool SendEntryName(const DnDContext& ctx, const ItemInfo& entry, bool report,
+                   bool* refusedLocally) {
     Record out, reply;
-    if (!build_remove_item(out.data(), ctx.workerId, entry)) return false;
+    const bool built = build_remove_item(out.data(), ctx.workerId, entry);
+    if (refusedLocally) *refusedLocally = !built;
+    if (!built) return false;
     if (!exchange(ctx, out, reply)) return false;
     const uint32_t st = status(reply.data());
     if (st == kStatusSuccess) return true;
@@ -273,10 +277,10 @@ bool query_link_target(const DnDContext& ctx, const ItemInfo& entry, std::string
         std::u16string units;
         if (read_link_target(reply.data(), reply.size(), units) != ReplyRead::Ok) return false;
         std::string converted;
+        // A target that is no text converts to empty, which means "no link", as for a
+        // status other than 0: the receiver then creates the item as what its
+        // attributes say.
         Utf16ToNormalizedUtf8(reply.data() + kOffData, units.size() * 2, converted);
-        // A target that is not text cannot be created faithfully; an empty result here
-        // would otherwise turn the link into a regular file.
-        if (converted.empty() && !units.empty()) return false;
         replace_backslashes(converted);
         target = std::move(converted);
         return true;
@@ -284,10 +288,10 @@ bool query_link_target(const DnDContext& ctx, const ItemInfo& entry, std::string
 }
 
 uint32_t SendLinkTarget(const DnDContext& ctx, const ItemInfo& entry, const std::string& target) {
+    // A target that is no UTF-8 converts to empty and goes out as an empty target.
     const std::u16string units = Utf8ToUtf16(target);
-    if (units.empty() && !target.empty()) return kStatusStop;
     std::vector<uint8_t> out;
-    if (!build_symlink(out, ctx.workerId, entry, units)) return kStatusStop;
+    if (!build_symlink(out, ctx.workerId, entry, units)) return kStatusRefusedLocally;
     Record reply;
     return status_result(exchange(ctx, out.data(), out.size(), reply.data(), kMessageSize),
                          reply.data());
@@ -295,13 +299,13 @@ uint32_t SendLinkTarget(const DnDContext& ctx, const ItemInfo& entry, const std:
 
 uint32_t SendEntryWithValue(const DnDContext& ctx, const ItemInfo& entry, uint32_t value) {
     Record out;
-    if (!build_data_begin(out.data(), ctx.workerId, entry, value)) return kStatusStop;
+    if (!build_data_begin(out.data(), ctx.workerId, entry, value)) return kStatusRefusedLocally;
     return send_status(ctx, out);
 }
 
 uint32_t SendEntryWithAttribute(const DnDContext& ctx, const ItemInfo& entry) {
     Record out;
-    if (!build_item_header(out.data(), ctx.workerId, entry)) return kStatusStop;
+    if (!build_item_header(out.data(), ctx.workerId, entry)) return kStatusRefusedLocally;
     return send_status(ctx, out);
 }
 
@@ -309,7 +313,7 @@ uint32_t SendEntryWithAttribute(const DnDContext& ctx, const ItemInfo& entry) {
 // most kMaxChunk bytes per message, and the buffer size must stay within a u32.
 
 uint32_t ReadData(const DnDContext& ctx, uint8_t* buffer, uint32_t n) {
-    if (n > kMaxChunk) return kStatusStop;
+    if (n > kMaxChunk) return kStatusRefusedLocally;
     Record out;
     init_message(out.data(), kMessageSize, kCmdReadData, ctx.workerId);
     le::put32(out.data(), kOffDataLength, n);
@@ -317,7 +321,7 @@ uint32_t ReadData(const DnDContext& ctx, uint8_t* buffer, uint32_t n) {
 }
 
 uint32_t WriteData(const DnDContext& ctx, uint8_t* buffer, uint32_t n) {
-    if (n > kMaxChunk) return kStatusStop;
+    if (n > kMaxChunk) return kStatusRefusedLocally;
     build_data_chunk_header(buffer, ctx.workerId, n);
     Record reply;
     return status_result(exchange(ctx, buffer, kMessageSize + n, reply.data(), kMessageSize),

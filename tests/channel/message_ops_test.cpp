@@ -3,9 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <deque>
-#include <functional>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -18,11 +15,9 @@ namespace {
 
 using namespace qvx;
 using namespace qvx::dnd;
-
 using qvxtest::Answer;
 using qvxtest::Request;
 using qvxtest::ScriptedHost;
-constexpr uint64_t kWorker = ScriptedHost::kWorker;
 
 void expect_failure_dialog(const Request& r, uint32_t code = 12) {
     ASSERT_EQ(r.command(), 263u);
@@ -66,60 +61,6 @@ TEST(MessageOps, ReplyPatternsSendDialogOnlyForUnexpectedStatusWhenReporting) {
     EXPECT_EQ(host.sent.size(), 4u);
 }
 
-TEST(MessageOps, EveryRecordCarriesVersionAndWorkerId) {
-    ScriptedHost host;
-    auto ctx = host.context();
-    ItemInfo entry;
-    entry.name = u"n";
-    std::string target;
-    std::vector<uint8_t> data(kMessageSize + 4);
-    SendStateNotice(ctx, true);
-    SendStateNotice(ctx, false);
-    SendFileList(ctx, false, {"/a"}, nullptr, nullptr);
-    RequestWorkerId(ctx, nullptr);
-    const size_t zeroIdCount = host.sent.size();
-    SendChecked(ctx, 280);
-    SendDialog(ctx, 0, 0, u"");
-    QueryPrepare(ctx, nullptr);
-    QueryTransferTotals(ctx, nullptr, nullptr);
-    SendTransferTotals(ctx, 1, 2, 3);
-    sendMoveMouse(ctx, 1, 2, 0);
-    SendEntry(ctx, entry);
-    SendEntryName(ctx, entry, true);
-    SendLinkTarget(ctx, entry, "t");
-    SendEntryWithValue(ctx, entry, 0);
-    SendEntryWithAttribute(ctx, entry);
-    ReadData(ctx, data.data(), 4);
-    WriteData(ctx, data.data(), 4);
-    query_link_target(ctx, entry, target);
-    ASSERT_EQ(host.sent.size(), zeroIdCount + 14);
-    for (size_t i = 0; i < host.sent.size(); ++i) {
-        const auto& r = host.sent[i];
-        EXPECT_EQ(le::get32(r.bytes.data(), 4), 2u) << r.command();
-        EXPECT_EQ(le::get64(r.bytes.data(), 12), i < zeroIdCount ? 0 : kWorker) << r.command();
-    }
-}
-
-TEST(MessageOps, ReplyOutputsAreRead) {
-    ScriptedHost host;
-    const auto fill = [](uint8_t* r, size_t) {
-        le::put64(r, 12, 99);
-        le::put64(r, 28, 0xA0000000B);
-        le::put32(r, 2088, 42);
-        le::put32(r, 2092, 4);
-    };
-    host.script.assign({{true, 0, fill}, {true, 0, fill}, {true, 200, fill}});
-    auto ctx = host.context();
-    uint64_t total = 0, id = 0, listId = 0;
-    uint32_t second = 0, action = 0;
-    EXPECT_TRUE(QueryTransferTotals(ctx, &total, &second));
-    EXPECT_TRUE(RequestWorkerId(ctx, &id));
-    EXPECT_TRUE(SendFileList(ctx, true, {"/x"}, &listId, &action));
-    EXPECT_EQ(std::tuple(total, second, id, listId, action),
-              std::tuple(0xA0000000Bu, 42u, 99u, 99u, 4u));
-    EXPECT_EQ(host.sent.back().command(), 768u);
-}
-
 TEST(MessageOps, SendMoveMouseReportsEvenQuietStatuses) {
     qvxtest::LogCapture log;
     ScriptedHost host;
@@ -137,35 +78,21 @@ TEST(MessageOps, SendMoveMouseReportsEvenQuietStatuses) {
     EXPECT_TRUE(log.contains("sendMoveMouse toolgate failed"));
 }
 
-TEST(MessageOps, SendFileListSizeLimitAndLayout) {
-    // Two names of 32767 units need exactly 2 x (65534 + 2) = 131072 bytes.
-    const std::string half(32767, 'a');
+// A path that is no UTF-8 goes out as an empty name in its place; the list keeps its count.
+TEST(MessageOps, FileListSendsUnusablePathsAsEmptyNames) {
     ScriptedHost host;
-    EXPECT_TRUE(SendFileList(host.context(), false, {half, half}, nullptr, nullptr));
-    ASSERT_EQ(host.sent.size(), 1u);
-    EXPECT_EQ(host.sent[0].bytes.size(), kMessageSize + 131072);
-    EXPECT_EQ(le::get32(host.sent[0].bytes.data(), 32), 131072u);
-    EXPECT_FALSE(SendFileList(host.context(), false, {half, half + "b"}, nullptr, nullptr));
-    EXPECT_EQ(host.sent.size(), 1u) << "an oversized list is refused before sending";
-
-    host.sent.clear();
-    EXPECT_TRUE(SendFileList(host.context(), false, {}, nullptr, nullptr));
-    ASSERT_EQ(host.sent.size(), 1u);
-    EXPECT_EQ(host.sent[0].bytes.size(), kMessageSize);
-    EXPECT_EQ(le::get64(host.sent[0].bytes.data(), 28), 0u);  // count and names size
-
-    host.sent.clear();
     host.answer({5});
-    EXPECT_FALSE(SendFileList(host.context(), false, {"/a", "/bé"}, nullptr, nullptr));
+    EXPECT_FALSE(SendFileList(host.context(), false, {"/a", "\xFF\xFE", "/b"}, nullptr, nullptr));
     ASSERT_EQ(host.sent.size(), 1u) << "no dialog for a refused list";
     const auto& b = host.sent[0].bytes;
-    EXPECT_EQ(le::get32(b.data(), 28), 2u);
+    ASSERT_EQ(b.size(), 2196u + 14u);
+    EXPECT_EQ(le::get32(b.data(), 28), 3u);
     EXPECT_EQ(le::get32(b.data(), 32), 14u);
-    const std::u16string names = std::u16string(u"/a") + u'\0' + u"/bé" + u'\0';
+    const std::u16string names = std::u16string(u"/a") + u'\0' + u'\0' + u"/b" + u'\0';
     for (size_t i = 0; i < names.size(); ++i) EXPECT_EQ(le::get16(b.data(), 36 + 2 * i), names[i]);
 }
 
-TEST(MessageOps, EntryOperationsAndLongNames) {
+TEST(MessageOps, EntryNameReportsRefusalsWithTheName) {
     ItemInfo entry;
     entry.name = u"dir/f";
     ScriptedHost host;
@@ -178,24 +105,58 @@ TEST(MessageOps, EntryOperationsAndLongNames) {
     EXPECT_FALSE(SendEntryName(ctx, entry, false));
     EXPECT_FALSE(SendEntryName(ctx, entry, true));
     EXPECT_EQ(host.sent.size(), 4u);
+}
 
-    // Names over 1023 units are refused without a single byte sent.
+// What the tool refuses itself sends nothing and reads differently from any host answer,
+// so that the caller can send its own notice; the host's quiet stop stays a plain failure.
+TEST(MessageOps, LocalRefusalsAreToldApartFromTheHostsStop) {
+    ScriptedHost host;
+    auto ctx = host.context();
+    ItemInfo entry;
     entry.name = std::u16string(1024, u'x');
+    bool refused = false;
+    EXPECT_FALSE(SendEntry(ctx, entry, &refused));
+    EXPECT_TRUE(refused);
+    refused = false;
+    EXPECT_FALSE(SendEntryName(ctx, entry, true, &refused));
+    EXPECT_TRUE(refused);
+    EXPECT_EQ(SendLinkTarget(ctx, entry, "t"), kStatusRefusedLocally);
+    EXPECT_EQ(SendEntryWithValue(ctx, entry, 1), kStatusRefusedLocally);
+    EXPECT_EQ(SendEntryWithAttribute(ctx, entry), kStatusRefusedLocally);
+    std::vector<uint8_t> data(kMessageSize + 131073);
+    EXPECT_EQ(ReadData(ctx, data.data(), 131073), kStatusRefusedLocally);
+    EXPECT_EQ(WriteData(ctx, data.data(), 131073), kStatusRefusedLocally);
     std::string target;
-    EXPECT_FALSE(SendEntry(ctx, entry));
-    EXPECT_FALSE(SendEntryName(ctx, entry, true));
-    EXPECT_EQ(SendLinkTarget(ctx, entry, "t"), 9u);
     EXPECT_FALSE(query_link_target(ctx, entry, target));
-    EXPECT_EQ(host.sent.size(), 4u);
+    EXPECT_EQ(host.sent.size(), 0u);
 
+    entry.name = std::u16string(1023, u'x');
+    host.answer({9, 100, 9, 9, 9, 9, 9});
+    EXPECT_FALSE(SendEntry(ctx, entry, &refused));
+    EXPECT_FALSE(refused);
+    refused = true;
+    EXPECT_FALSE(SendEntryName(ctx, entry, true, &refused));
+    EXPECT_FALSE(refused);
+    EXPECT_EQ(SendLinkTarget(ctx, entry, "t"), 9u);
+    EXPECT_EQ(SendEntryWithValue(ctx, entry, 1), 9u);
+    EXPECT_EQ(SendEntryWithAttribute(ctx, entry), 9u);
+    EXPECT_EQ(ReadData(ctx, data.data(), 131072), 9u);
+    EXPECT_EQ(WriteData(ctx, data.data(), 131072), 9u);
+    EXPECT_EQ(host.sent.size(), 7u);
+    host.fail();
+    EXPECT_EQ(SendEntryWithAttribute(ctx, entry), 9u) << "a failed exchange is the host's stop";
+}
+
+// A link target that is no UTF-8 goes out as an empty target rather than not at all.
+TEST(MessageOps, UnusableLinkTargetIsSentEmpty) {
+    ScriptedHost host;
+    ItemInfo entry;
     entry.name = u"l";
-    host.answer({1});
-    EXPECT_EQ(SendLinkTarget(ctx, entry, "../lib/x"), 1u);
-    const auto& b = host.sent.back().bytes;
-    ASSERT_EQ(b.size(), kMessageSize + 16);
-    EXPECT_EQ(le::get32(b.data(), 2128), 16u);
-    const std::u16string wire = u"..\\lib\\x";
-    for (size_t i = 0; i < wire.size(); ++i) EXPECT_EQ(le::get16(b.data(), 2196 + 2 * i), wire[i]);
+    EXPECT_EQ(SendLinkTarget(host.context(), entry, "a\xC3"), 0u);
+    ASSERT_EQ(host.sent.size(), 1u);
+    ASSERT_EQ(host.sent[0].bytes.size(), kMessageSize);
+    EXPECT_EQ(le::get32(host.sent[0].bytes.data(), 2128), 0u);
+    EXPECT_EQ(le::get16(host.sent[0].bytes.data(), 80), u'l');
 }
 
 Answer entry_reply(std::u16string name, uint32_t length) {
@@ -279,6 +240,11 @@ TEST(MessageOps, QueryLinkTargetGrowsReplyBuffer) {
     EXPECT_FALSE(query_link_target(ctx, entry, target));
     host.script.push_back(link_reply(0, u"ab", 0xFFFFFFFE));
     EXPECT_FALSE(query_link_target(ctx, entry, target));
+    // A target that is no text converts to empty, which means no link.
+    host.script.push_back(link_reply(0, u"a\xD800", 4));
+    target = "stale";
+    EXPECT_TRUE(query_link_target(ctx, entry, target));
+    EXPECT_EQ(target, "");
 
     // A host that keeps asking for more room is given up on at a bounded size.
     host.sent.clear();
