@@ -73,6 +73,10 @@ void build_data_chunk_header(uint8_t* msg, uint64_t workerId, uint32_t n) {
     le::put32(msg, kOffDataLength, n);
 }
 
+void build_data_end(uint8_t* msg, uint64_t workerId) {
+    init_message(msg, kMessageSize, kCmdDataEnd, workerId);
+}
+
 bool build_remove_item(uint8_t* msg, uint64_t workerId, const ItemInfo& item) {
     return start_named(msg, kCmdRemoveItem, workerId, item);
 }

@@ -14,15 +14,15 @@ namespace qvx {
 
 // One file-system item as the transfer sees it.
 struct ItemInfo {
-    uint64_t creationTime = 0;      // 100-ns ticks since 1601-01-01 UTC
+    uint64_t creationTime = 0;  // 100-ns ticks since 1601-01-01 UTC
     uint64_t accessTime = 0;
     uint64_t modificationTime = 0;
     uint16_t modeValid = 0;
     uint16_t mode = 0;
-    std::string path;               // full guest path, UTF-8
+    std::string path;  // full guest path, UTF-8
     uint32_t attributes = 0;
     uint64_t size = 0;
-    std::u16string name;            // item name relative to the transferred tree
+    std::u16string name;  // item name relative to the transferred tree
 };
 
 // Attribute bits.
@@ -76,12 +76,13 @@ inline constexpr Notice kProgress{5, 0, true};
 // false, leaving nothing sendable, when the name does not fit its field.
 void build_notice(uint8_t* msg, uint64_t workerId, const Notice& n, std::u16string_view name);
 void build_send_totals(uint8_t* msg, uint64_t workerId, uint64_t totalBytes, uint32_t items,
-                       uint32_t topLevel);                                       // 262
+                       uint32_t topLevel);                                      // 262
 bool build_item_header(uint8_t* msg, uint64_t workerId, const ItemInfo& item);  // 265
 bool build_data_begin(uint8_t* msg, uint64_t workerId, const ItemInfo& item,
-                      uint32_t value);                                           // 266
+                      uint32_t value);  // 266
 // 269: only the header; the n data bytes are written in place behind it, at kOffData.
 void build_data_chunk_header(uint8_t* msg, uint64_t workerId, uint32_t n);
+void build_data_end(uint8_t* msg, uint64_t workerId);                           // 267
 bool build_remove_item(uint8_t* msg, uint64_t workerId, const ItemInfo& item);  // 270
 bool build_file_entry(uint8_t* msg, uint64_t workerId, const ItemInfo& item);   // 271
 // 770: the whole message of kMessageSize + 2 x target units; every '/' of the target

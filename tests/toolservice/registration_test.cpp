@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "build_info.h"
 #include "common/byte_order.h"
 #include "hostsim/host.h"
 #include "scripted_pv.h"
@@ -88,10 +87,11 @@ TEST(Registration, RecordOfThisTool) {
     const auto* block = reinterpret_cast<const uint8_t*>(elements[2].data.data());
     ASSERT_EQ(elements[2].data.size(), 40u);
     EXPECT_EQ(get32(block, size_t{0}), 15u);
-    EXPECT_EQ(get32(block, size_t{8}), QVX_BUILD_NUMBER);
+    EXPECT_EQ(get32(block, size_t{8}), 1042u);
     EXPECT_EQ(get32(block, size_t{12}), 0x80000000u);
     EXPECT_EQ(get32(block, size_t{16}), 1u);
-    EXPECT_EQ(get32(block, size_t{24}), (QVX_VERSION_MAJOR << 26) | (QVX_BUILD_NUMBER & 0xFFFFu));
+    // Version 1.0.0.1042: major 1 in the top six bits, build 1042 in the low sixteen.
+    EXPECT_EQ(get32(block, size_t{24}), 0x04000412u);
     EXPECT_EQ(block[28], 7u);
     EXPECT_EQ(block[39], 0u);
 }
@@ -160,8 +160,7 @@ TEST_F(RegistrationWithHost, RegisterThenUnregister) {
     ASSERT_EQ(unregister_tool(kId), 0);
     EXPECT_TRUE(host.tool_service().registry().empty());
     EXPECT_EQ(trace(),
-              (std::vector<std::string>{std::string("register ") + kId + " (DnD tool) build " +
-                                            std::to_string(QVX_BUILD_NUMBER),
+              (std::vector<std::string>{std::string("register ") + kId + " (DnD tool) build 1042",
                                         std::string("unregister ") + kId}));
 }
 
