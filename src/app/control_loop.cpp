@@ -25,8 +25,13 @@ bool stopping() {
 }  // namespace
 
 ControlLoopHooks default_control_loop_hooks() {
+    // The registration calls are overloaded; the casts pick the forms the loop uses.
+    using RegisterTool =
+        int32_t (*)(const char*, const char*, const ToolInfo*, const char*, const void*, uint32_t);
+    using UnregisterTool = int32_t (*)(const char*);
     return ControlLoopHooks{HandleHostToGuestDrag, HandleGuestToHostDrag, backing_scale_factor,
-                            register_tool, unregister_tool};
+                            static_cast<RegisterTool>(register_tool),
+                            static_cast<UnregisterTool>(unregister_tool)};
 }
 
 int host_pixels_to_points(uint32_t pixels, double scale) {

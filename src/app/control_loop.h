@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 
 #include "channel/message_ops.h"
 #include "toolservice/registration.h"
@@ -15,14 +16,16 @@ inline constexpr const char* kToolDisplayName = "DnD tool";
 // Set once by the stop sequence; the control loop only reads it.
 extern std::atomic<bool> g_stopFlag;
 
-// What the loop calls beyond the message operations, replaceable by tests.
+// What the loop calls beyond the message operations; a test replaces them the way it
+// replaces the send function, with callables that may hold their own state.
 struct ControlLoopHooks {
-    bool (*hostToGuestDrag)(DnDContext context, int x, int y);
-    void (*guestToHostDrag)(DnDContext context);
-    double (*scaleFactor)();
-    int32_t (*registerTool)(const char* identifier, const char* displayName, const ToolInfo* info,
-                            const char* text, const void* data, uint32_t dataLength);
-    int32_t (*unregisterTool)(const char* identifier);
+    std::function<bool(DnDContext context, int x, int y)> hostToGuestDrag;
+    std::function<void(DnDContext context)> guestToHostDrag;
+    std::function<double()> scaleFactor;
+    std::function<int32_t(const char* identifier, const char* displayName, const ToolInfo* info,
+                          const char* text, const void* data, uint32_t dataLength)>
+        registerTool;
+    std::function<int32_t(const char* identifier)> unregisterTool;
 };
 // The real drag handlers, backing_scale_factor and the tool service registration.
 ControlLoopHooks default_control_loop_hooks();
