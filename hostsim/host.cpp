@@ -100,7 +100,10 @@ HostCommand HostCommand::drop(uint32_t x, uint32_t y, uint64_t workerId) {
                         {static_cast<uint32_t>(dnd::kOffPointerY), y}}};
 }
 
-Host::Host(HostOptions options) : m_options(std::move(options)), m_pollHold(m_options.pollHold) {
+Host::Host(HostOptions options)
+    : m_options(std::move(options)),
+      m_trace(m_options.traceCapacity),
+      m_pollHold(m_options.pollHold) {
     m_socketPath = m_options.root.empty()
                        ? platform::path(kServiceRelative)
                        : (std::filesystem::path(m_options.root) / kServiceRelative).string();

@@ -98,6 +98,9 @@ struct HostOptions {
     // held until a command is queued or the guest closes the connection.
     std::optional<std::chrono::milliseconds> pollHold;
     bool trace = true;  // false: keep no trace (throughput runs)
+    // Trace entries kept for queries and waits; 0 keeps none, while a listener still sees
+    // every entry.
+    size_t traceCapacity = Trace::kDefaultCapacity;
 };
 
 class Host {

@@ -18,7 +18,16 @@ void Trace::add(TraceEntry entry) {
     Listener listener;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        m_entries.push_back(entry);
+        for (Watch* watch : m_watches)
+            if (entry.line.find(watch->text) != std::string::npos) watch->seen = true;
+        if (m_capacity > 0) {
+            // Dropping half at a time keeps the cost per entry constant.
+            if (m_entries.size() >= m_capacity)
+                m_entries.erase(m_entries.begin(),
+                                m_entries.begin() +
+                                    static_cast<std::ptrdiff_t>(m_entries.size() - m_capacity / 2));
+            m_entries.push_back(entry);
+        }
         listener = m_listener;
     }
     m_changed.notify_all();
@@ -77,13 +86,19 @@ bool Trace::wait_for(const Predicate& predicate, std::chrono::milliseconds timeo
 }
 
 bool Trace::wait_for_line(std::string_view text, std::chrono::milliseconds timeout) const {
-    return wait_for(
-        [&](const std::vector<TraceEntry>& entries) {
-            for (const auto& e : entries)
-                if (e.line.find(text) != std::string::npos) return true;
-            return false;
-        },
-        timeout);
+    std::unique_lock<std::mutex> lock(m_mutex);
+    for (const auto& e : m_entries)
+        if (e.line.find(text) != std::string::npos) return true;
+    Watch watch{text};
+    m_watches.push_back(&watch);
+    const bool seen = m_changed.wait_for(lock, timeout, [&] { return watch.seen; });
+    m_watches.remove(&watch);
+    return seen;
+}
+
+size_t Trace::waiting() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_watches.size();
 }
 
 void Trace::set_listener(Listener listener) {

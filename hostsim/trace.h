@@ -1,11 +1,13 @@
 // The simulated host's decoded record of every exchange: one entry (and one printable
-// line) per message in each direction, kept in memory and safe to read from any thread.
+// line) per message in each direction, handed to a listener and the latest of them kept in
+// memory, safe to read from any thread.
 #pragma once
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -37,10 +39,18 @@ struct TraceEntry {
     std::string line;
 };
 
+// A long-running host must not grow without bound: at most `capacity` entries are kept
+// (when full, the older half is dropped), and the queries below see those. Every entry
+// still reaches the listener, and a wait_for_line in progress sees every line added while
+// it waits, kept or not.
 class Trace {
   public:
     using Predicate = std::function<bool(const std::vector<TraceEntry>& entries)>;
     using Listener = std::function<void(const TraceEntry& entry)>;
+
+    static constexpr size_t kDefaultCapacity = 10000;
+
+    explicit Trace(size_t capacity = kDefaultCapacity) : m_capacity(capacity) {}
 
     void add(TraceEntry entry);
     void note(std::string line, uint64_t connection = 0);
@@ -51,24 +61,34 @@ class Trace {
     // Lines containing `text`.
     size_t count(std::string_view text) const;
     bool contains(std::string_view text) const { return count(text) > 0; }
-    // Guest requests of one DnD command seen so far.
+    // Guest requests of one DnD command among the kept entries.
     size_t count_command(uint32_t command) const;
     void clear();
 
-    // Blocks until `predicate` holds over all entries so far (checked at once and after
+    // Blocks until `predicate` holds over the kept entries (checked at once and after
     // every new entry) or `timeout` passes; returns whether it held.
     bool wait_for(const Predicate& predicate, std::chrono::milliseconds timeout) const;
-    // Shorthand: waits until some line contains `text`.
+    // Waits until a kept line, or any line added meanwhile, contains `text`.
     bool wait_for_line(std::string_view text, std::chrono::milliseconds timeout) const;
+    // wait_for_line calls in progress, for tests that must add lines only once one waits.
+    size_t waiting() const;
 
     // Called with every new entry, outside the trace's lock, on the thread that added it
     // (qvxhost --trace prints from here). Set it before the host starts.
     void set_listener(Listener listener);
 
   private:
+    // A wait_for_line in progress: the text it looks for, and whether a line had it.
+    struct Watch {
+        std::string_view text;
+        bool seen = false;
+    };
+
+    const size_t m_capacity;
     mutable std::mutex m_mutex;
     mutable std::condition_variable m_changed;
     std::vector<TraceEntry> m_entries;
+    mutable std::list<Watch*> m_watches;
     Listener m_listener;
 };
 

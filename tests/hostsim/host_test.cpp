@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstring>
 #include <memory>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -214,6 +215,41 @@ TEST_F(HostTest, BrokenFramesCloseTheirConnectionWhileOthersAreServed) {
     EXPECT_TRUE(host.trace().contains("malformed frame (length over 16 MiB)"));
     EXPECT_TRUE(host.trace().contains("short frame"));
     EXPECT_EQ(host.message_count(dnd::kCmdToolActive), 2u);
+}
+
+// A long-running host keeps only the latest entries, while the listener sees every one.
+TEST(Trace, KeepsTheLatestEntriesWithinItsCapacity) {
+    hostsim::Trace trace(8);
+    size_t heard = 0;
+    trace.set_listener([&](const hostsim::TraceEntry&) { ++heard; });
+    for (int i = 0; i < 1000; ++i) trace.note("note " + std::to_string(i));
+    EXPECT_EQ(heard, 1000u);
+    EXPECT_LE(trace.size(), 8u);
+    EXPECT_GE(trace.size(), 4u);
+    EXPECT_EQ(trace.lines().back(), "note 999");
+    EXPECT_FALSE(trace.contains("note 0"));
+
+    hostsim::Trace none(0);
+    none.set_listener([&](const hostsim::TraceEntry&) { ++heard; });
+    for (int i = 0; i < 10; ++i) none.note("x");
+    EXPECT_EQ(heard, 1010u);
+    EXPECT_EQ(none.size(), 0u);
+}
+
+// A line that arrives while a wait is in progress is seen even when it is dropped before
+// the waiting thread gets to run.
+TEST(Trace, WaitSeesALineDroppedBeforeItWokeUp) {
+    hostsim::Trace trace(4);
+    bool seen = false;
+    std::thread waiter([&] { seen = trace.wait_for_line("needle", 10s); });
+    while (trace.waiting() == 0) std::this_thread::sleep_for(1ms);
+    trace.note("the needle");
+    for (int i = 0; i < 100; ++i) trace.note("hay");
+    waiter.join();
+    EXPECT_TRUE(seen);
+    EXPECT_FALSE(trace.contains("needle"));
+    EXPECT_EQ(trace.waiting(), 0u);
+    EXPECT_FALSE(trace.wait_for_line("needle", 10ms));
 }
 
 }  // namespace

@@ -74,6 +74,10 @@ int main(int argc, char** argv) {
     hostsim::HostOptions options;
     options.root = root;
     if (pollHold->count() > 0) options.pollHold = std::chrono::milliseconds(pollHoldMs);
+    // Nothing here queries the trace: --trace prints each entry as it comes and keeps none,
+    // and without it no entry is made at all.
+    options.trace = trace;
+    options.traceCapacity = 0;
     hostsim::Host host(options);
 
     for (const auto& c : commands) {
