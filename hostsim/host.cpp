@@ -38,7 +38,7 @@ constexpr const char* kServiceRelative = "run/quorvex/iokit/QvxPCIToolGate";
 constexpr uint32_t kStatusRejected = 0xF0000001;
 
 bool known_host_command(uint32_t command) {
-    return command == dnd::kHostCmdNone || command == dnd::kHostCmdActive ||
+    return command == dnd::kHostCmdNone || command == dnd::kHostCmd10 ||
            command == dnd::kHostCmdHostToGuest || command == dnd::kHostCmdGuestToHost;
 }
 
@@ -498,7 +498,7 @@ void Host::note_host_command(uint32_t command, uint64_t workerId, uint64_t conne
     Expectation e;
     e.hostCommand = command;
     e.workerId = workerId;
-    if (command == dnd::kHostCmdActive)
+    if (command == dnd::kHostCmd10)
         e.expectedCommand = dnd::kCmdToolActive;
     else if (!known_host_command(command))
         e.expectedCommand = dnd::kCmdEnd;

@@ -140,18 +140,12 @@ const char* command_name(uint32_t command) {
             return "item-attributes";
         case dnd::kCmdNextItem:
             return "next-item";
-        case dnd::kCmdDragHandOver:
-            return "drag-hand-over";
-        case dnd::kCmdFolderSkipped:
-            return "folder-skipped";
         case dnd::kCmdMoveMouse:
             return "move-mouse";
         case dnd::kCmdNewWorkerId:
             return "new-worker-id";
         case dnd::kCmdQueryPrepare:
             return "query-prepare";
-        case dnd::kCmdDragStart:
-            return "drag-start";
         case dnd::kCmdTransferStart:
             return "transfer-start";
         case dnd::kCmdFileListVariant:

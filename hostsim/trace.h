@@ -95,7 +95,8 @@ class Trace {
 // printf into a std::string, for trace lines (cut at 255 bytes).
 std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 
-// Short name of a DnD command for trace lines ("poll", "dialog", ...); "cmd" if unknown.
+// Short name of a DnD command for trace lines ("poll", "dialog", ...); "cmd" for a
+// command whose meaning the protocol leaves at its code (273, 274, 279) or an unknown one.
 const char* command_name(uint32_t command);
 
 // Decodes one guest request record (2196 bytes or more) into its trace line.

@@ -82,7 +82,7 @@ void RunControlLoop(CommonMacCommunicator* communicator, const SendFunction& sen
                 if (!hooks.hostToGuestDrag(context, x, y)) SendPlain(context, dnd::kCmdEnd);
                 break;
             }
-            case dnd::kHostCmdActive:
+            case dnd::kHostCmd10:
                 SendStateNotice(DnDContext{0, communicator, send}, true);
                 break;
             default:

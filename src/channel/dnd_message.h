@@ -29,7 +29,7 @@ inline constexpr size_t kOffDialogCode = 2080;
 // Named entry (265, 266, 270, 271, 272, 769, 770).
 inline constexpr size_t kOffNameLength = 76;
 inline constexpr size_t kOffName = 80;
-inline constexpr size_t kNameBytes = 2048;  // ends at +2127
+inline constexpr size_t kNameBytes = 2048;     // ends at +2127
 inline constexpr size_t kMaxTextUnits = 1023;  // either text field: 1023 code units + NUL
 
 // File entry record (271 and the reply to 272).
@@ -58,22 +58,24 @@ inline constexpr size_t kOffListNames = 36;
 inline constexpr uint32_t kMaxFileListBytes = 0x20000;
 
 // Reply fields.
-inline constexpr size_t kOffReplyAction = 2092;      // reply to 258 / 768
-inline constexpr size_t kOffTotalBytes = 28;         // 261 reply, 262 request
-inline constexpr size_t kOffTotalsSecond = 2088;     // 261 reply
-inline constexpr size_t kOffItemCount = 36;          // 262
-inline constexpr size_t kOffTopLevelCount = 2088;    // 262
-inline constexpr size_t kOffPrepareValue = 28;       // 278 reply
-inline constexpr size_t kOffEntryValue = 28;         // 266 value, 272 argument
+inline constexpr size_t kOffReplyAction = 2092;    // reply to 258 / 768
+inline constexpr size_t kOffTotalBytes = 28;       // 261 reply, 262 request
+inline constexpr size_t kOffTotalsSecond = 2088;   // 261 reply
+inline constexpr size_t kOffItemCount = 36;        // 262
+inline constexpr size_t kOffTopLevelCount = 2088;  // 262
+inline constexpr size_t kOffPrepareValue = 28;     // 278 reply
+inline constexpr size_t kOffEntryValue = 28;       // 266 value, 272 argument
 
 static_assert(kOffDialogText + kDialogTextBytes == kOffDialogCode);
 static_assert(kOffName + kNameBytes == kOffDataLength);
 static_assert(kOffMode + 2 <= kMessageSize);
 static_assert(kOffReplyAction + 4 <= kMessageSize);
 
-// Host commands, read from the status field of the poll reply.
-inline constexpr uint32_t kHostCmdNone = 0;
-inline constexpr uint32_t kHostCmdActive = 10;
+// Host commands, read from the status field of the poll reply. Commands are known by
+// their codes; a name says only what the protocol says of the command, and where it says
+// nothing but the code, the name is the code.
+inline constexpr uint32_t kHostCmdNone = 0;  // the simulated host's answer to an idle poll
+inline constexpr uint32_t kHostCmd10 = 10;   // answered with 256 and nothing else
 inline constexpr uint32_t kHostCmdHostToGuest = 200;
 inline constexpr uint32_t kHostCmdGuestToHost = 204;
 
@@ -94,12 +96,12 @@ inline constexpr uint32_t kCmdWriteData = 269;
 inline constexpr uint32_t kCmdRemoveItem = 270;
 inline constexpr uint32_t kCmdItemAttributes = 271;
 inline constexpr uint32_t kCmdNextItem = 272;
-inline constexpr uint32_t kCmdDragHandOver = 273;
-inline constexpr uint32_t kCmdFolderSkipped = 274;
+inline constexpr uint32_t kCmd273 = 273;  // sent by the guest-to-host drag; no payload
+inline constexpr uint32_t kCmd274 = 274;  // sent by the tree receiver
 inline constexpr uint32_t kCmdMoveMouse = 275;
 inline constexpr uint32_t kCmdNewWorkerId = 276;
 inline constexpr uint32_t kCmdQueryPrepare = 278;
-inline constexpr uint32_t kCmdDragStart = 279;
+inline constexpr uint32_t kCmd279 = 279;  // sent by the host-to-guest drag; no payload
 inline constexpr uint32_t kCmdTransferStart = 280;
 inline constexpr uint32_t kCmdFileListVariant = 768;
 inline constexpr uint32_t kCmdLinkTarget = 769;
@@ -131,9 +133,15 @@ inline bool is_quiet_stop(uint32_t status) {
 }
 
 // Header accessors.
-inline uint32_t command(const void* msg) { return le::get32(msg, kOffCommand); }
-inline uint32_t status(const void* msg) { return le::get32(msg, kOffStatus); }
-inline uint64_t worker_id(const void* msg) { return le::get64(msg, kOffWorkerId); }
+inline uint32_t command(const void* msg) {
+    return le::get32(msg, kOffCommand);
+}
+inline uint32_t status(const void* msg) {
+    return le::get32(msg, kOffStatus);
+}
+inline uint64_t worker_id(const void* msg) {
+    return le::get64(msg, kOffWorkerId);
+}
 
 // Clears `size` bytes of the record and writes command, version 2 and workerId.
 void init_message(void* msg, size_t size, uint32_t command, uint64_t workerId);
