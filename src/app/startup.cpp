@@ -16,11 +16,11 @@
 #include <CoreFoundation/CFRunLoop.h>
 #include <CoreServices/CoreServices.h>
 #include <Foundation/NSProcessInfo.h>
-#include <IOKit/IOKitLib.h>
 
 #include "app/control_loop.h"
 #include "app/dnd_pool.h"
 #include "channel/communicator.h"
+#include "channel/toolgate.h"
 #include "common/signal_block.h"
 #include "log/log.h"
 #include "ui/overlay.h"
@@ -204,17 +204,7 @@ uint32_t os_version() {
 }
 
 bool toolgate_present() {
-    mach_port_t master = 0;
-    if (IOMasterPort(MACH_PORT_NULL, &master) != KERN_SUCCESS) return false;
-    CFMutableDictionaryRef matching = IOServiceMatching("QvxPCIToolGate");
-    if (matching == nullptr) return false;
-    io_iterator_t iterator = 0;
-    if (IOServiceGetMatchingServices(master, matching, &iterator) != KERN_SUCCESS) return false;
-    const io_service_t service = IOIteratorNext(iterator);
-    IOObjectRelease(iterator);
-    if (service == 0) return false;
-    IOObjectRelease(service);
-    return true;
+    return find_toolgate().step == ToolgateStep::Done;
 }
 
 void AppDelegate::applicationWillFinishLaunching(NSNotification*) {

@@ -1,10 +1,9 @@
 // The toolgate user-client connection and the exchange of one DnD message over it.
 #include "channel/communicator.h"
 
-#include <cstring>
-
 #include <mach/mach.h>
 
+#include "channel/toolgate.h"
 #include "common/byte_order.h"
 #include "common/toolgate_abi.h"
 #include "log/log.h"
@@ -15,45 +14,35 @@ namespace {
 constexpr const char* kComponent = "qvxdragdrop";
 constexpr const char* kTagCom = "COMMON_COM";
 constexpr const char* kTagTool = "DNDTOOL";
-constexpr const char* kServiceClass = "QvxPCIToolGate";
 constexpr kern_return_t kNotConnected = static_cast<kern_return_t>(0xFFFFFFFB);
 }  // namespace
 
 CommonMacCommunicator::CommonMacCommunicator() {
     m_connection = 0;
-    mach_port_t masterPort = 0;
-    kern_return_t kr = IOMasterPort(MACH_PORT_NULL, &masterPort);
-    if (kr != KERN_SUCCESS) {
-        log_message(kTagCom, kComponent, 0, "IOMasterPort returned %d\n", kr);
-        return;
-    }
-    CFMutableDictionaryRef matching = IOServiceMatching(kServiceClass);
-    if (!matching) {
-        log_message(kTagCom, kComponent, 0, "IOServiceMatching returned a NULL dictionary.");
-        return;
-    }
-    io_iterator_t iterator = 0;
-    kr = IOServiceGetMatchingServices(masterPort, matching, &iterator);
-    if (kr != KERN_SUCCESS) {
-        log_message(kTagCom, kComponent, 0, "IOServiceGetMatchingServices returned 0x%08x",
-                    static_cast<unsigned>(kr));
-        return;
-    }
-    io_service_t service = IOIteratorNext(iterator);
-    IOObjectRelease(iterator);
-    if (!service) {
-        log_message(kTagCom, kComponent, 0, "qvx_tg driver is not loaded.");
-        return;
-    }
     io_connect_t connection = 0;
-    kr = IOServiceOpen(service, mach_task_self(), 0, &connection);
-    IOObjectRelease(service);
-    if (kr != KERN_SUCCESS) {
-        log_message(kTagCom, kComponent, 0, "IOServiceOpen returned 0x%08x",
-                    static_cast<unsigned>(kr));
-        return;
+    const ToolgateLookup found = find_toolgate(&connection);
+    const auto code = static_cast<unsigned>(found.result);
+    switch (found.step) {
+        case ToolgateStep::Done:
+            m_connection = connection;
+            break;
+        case ToolgateStep::MasterPort:
+            log_message(kTagCom, kComponent, 0, "IOMasterPort returned %d\n", found.result);
+            break;
+        case ToolgateStep::Matching:
+            log_message(kTagCom, kComponent, 0, "IOServiceMatching returned a NULL dictionary.");
+            break;
+        case ToolgateStep::Lookup:
+            log_message(kTagCom, kComponent, 0, "IOServiceGetMatchingServices returned 0x%08x",
+                        code);
+            break;
+        case ToolgateStep::NoService:
+            log_message(kTagCom, kComponent, 0, "qvx_tg driver is not loaded.");
+            break;
+        case ToolgateStep::Open:
+            log_message(kTagCom, kComponent, 0, "IOServiceOpen returned 0x%08x", code);
+            break;
     }
-    m_connection = connection;
 }
 
 CommonMacCommunicator::~CommonMacCommunicator() {
@@ -85,18 +74,9 @@ kern_return_t CommonMacCommunicator::Call(void* request) {
 bool SendDnDCommand(CommonMacCommunicator* communicator, const void* out, uint32_t outSize,
                     void* reply, uint32_t replySize) {
     uint8_t request[toolgate::request_size(2)];
-    std::memset(request, 0, sizeof(request));
-    le::put32(request, toolgate::kOffCode, toolgate::kRequestDnD);
-    le::put32(request, toolgate::kOffStatus, toolgate::kStatusUnset);
-    le::put16(request, toolgate::kOffBufferCount, 2);
-    uint8_t* desc = request + toolgate::kHeaderSize;
-    le::put64(desc, toolgate::kDescAddress, reinterpret_cast<uintptr_t>(out));
-    le::put32(desc, toolgate::kDescSize, outSize);
-    le::put32(desc, toolgate::kDescWritable, 0);
-    desc += toolgate::kDescriptorSize;
-    le::put64(desc, toolgate::kDescAddress, reinterpret_cast<uintptr_t>(reply));
-    le::put32(desc, toolgate::kDescSize, replySize);
-    le::put32(desc, toolgate::kDescWritable, 1);
+    init_toolgate_request(request, toolgate::kRequestDnD, toolgate::kStatusUnset, 2);
+    put_toolgate_buffer(request, 0, out, outSize, false);
+    put_toolgate_buffer(request, 1, reply, replySize, true);
 
     const int command = static_cast<int>(le::get32(out, 0));
     const kern_return_t kr = communicator->Call(request);

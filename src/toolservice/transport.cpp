@@ -9,6 +9,7 @@
 
 #include <IOKit/IOKitLib.h>
 
+#include "channel/toolgate.h"
 #include "common/byte_order.h"
 #include "common/toolgate_abi.h"
 #include "platform/seams/clock.h"
@@ -60,46 +61,15 @@ uint32_t driver_call(io_connect_t connection, uint8_t* request) {
     return kCallFailed;
 }
 
-void put_descriptor(uint8_t* request, uint32_t index, const void* address, uint32_t size) {
-    uint8_t* desc = request + toolgate::kHeaderSize + index * toolgate::kDescriptorSize;
-    le::put64(desc, toolgate::kDescAddress, reinterpret_cast<uintptr_t>(address));
-    le::put32(desc, toolgate::kDescSize, size);
-    le::put32(desc, toolgate::kDescWritable, 1);
-}
-
-void put_request_header(uint8_t* request, uint16_t buffers) {
-    le::put32(request, toolgate::kOffCode, toolgate::kRequestToolService);
-    le::put32(request, toolgate::kOffStatus, 0);
-    le::put16(request, toolgate::kOffInlineSize, 0);
-    le::put16(request, toolgate::kOffBufferCount, buffers);
-    le::put32(request, toolgate::kOffReserved, 0);
-}
-
-int32_t find_and_open_driver(io_connect_t* connection) {
-    mach_port_t master = MACH_PORT_NULL;
-    if (IOMasterPort(MACH_PORT_NULL, &master) != KERN_SUCCESS) return kServiceNoTransport;
-    CFMutableDictionaryRef matching = IOServiceMatching("QvxPCIToolGate");
-    if (matching == nullptr) return kServiceNoTransport;
-    io_iterator_t iterator = 0;
-    if (IOServiceGetMatchingServices(master, matching, &iterator) != KERN_SUCCESS)
-        return kServiceNoTransport;
-    io_service_t service = IOIteratorNext(iterator);
-    IOObjectRelease(iterator);
-    if (service == 0) return kServiceNoTransport;
-    kern_return_t kr = IOServiceOpen(service, mach_task_self(), 0, connection);
-    IOObjectRelease(service);
-    return kr == KERN_SUCCESS ? kServiceOk : kServiceNoTransport;
-}
-
 // Opens a connection of our own and asks the host whether its tool service listens.
 int32_t driver_open(uint64_t* link) {
     io_connect_t connection = 0;
-    if (find_and_open_driver(&connection) != kServiceOk) return kServiceNoTransport;
+    if (find_toolgate(&connection).step != ToolgateStep::Done) return kServiceNoTransport;
     alignas(8) uint8_t probe[toolgate::kHeaderSize];
     int busyRetries = 0;
     bool retriedCancelled = false;
     for (;;) {
-        put_request_header(probe, 0);
+        init_toolgate_request(probe, toolgate::kRequestToolService, 0, 0);
         uint32_t call = driver_call(connection, probe);
         if (call == kCallCancelled && !retriedCancelled) {
             retriedCancelled = true;
@@ -131,9 +101,9 @@ int32_t driver_send(ServiceHandle* handle, uint8_t* buffer, uint32_t inputSize, 
     le::put32(control, kCtlInputSize, inputSize);
     le::put32(control, kCtlOutputSize, outputSize);
     alignas(8) uint8_t request[toolgate::request_size(2)];
-    put_request_header(request, 2);
-    put_descriptor(request, 0, control, kControlSize);
-    put_descriptor(request, 1, buffer, inputSize > outputSize ? inputSize : outputSize);
+    init_toolgate_request(request, toolgate::kRequestToolService, 0, 2);
+    put_toolgate_buffer(request, 0, control, kControlSize, true);
+    put_toolgate_buffer(request, 1, buffer, inputSize > outputSize ? inputSize : outputSize, true);
     if (answerLength != nullptr) *answerLength = 0;
 
     handle->state = kServiceNotOpen;
