@@ -46,6 +46,22 @@ bool CHostFile::open(const char* path, bool openExisting, bool readOnly, bool un
     int flags = readOnly ? O_RDONLY : O_RDWR;
     if (!openExisting) flags |= O_CREAT | O_TRUNC;
     const int fd = platform::sys_open(path, flags, 0664);
+    return opened(fd, path, openExisting, readOnly, uncached, result, worldWritable);
+}
+
+bool CHostFile::open_at(int dirFd, const char* name, bool openExisting, bool readOnly,
+                        bool uncached, uint32_t* result, bool worldWritable) {
+    close();
+    int flags = (readOnly ? O_RDONLY : O_RDWR) | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    if (!openExisting) flags |= O_CREAT | O_TRUNC;
+    // Non-blocking changes nothing for a regular file; a named pipe or a device neither
+    // holds the open nor a read waiting for a writer or input.
+    const int fd = platform::sys_openat(dirFd, name, flags, 0664);
+    return opened(fd, name, openExisting, readOnly, uncached, result, worldWritable);
+}
+
+bool CHostFile::opened(int fd, const char* path, bool openExisting, bool readOnly, bool uncached,
+                       uint32_t* result, bool worldWritable) {
     if (fd == -1) {
         result_from_errno(result);
         log_message(kTag, kComponent, 0, "CHostFile::open(%s) failed: %s", path, strerror(errno));

@@ -38,6 +38,12 @@ class CHostFile {
     // kResultAccessDenied (not on the world-writable path) and fd() is -1.
     bool open(const char* path, bool openExisting, bool readOnly, bool uncached,
               uint32_t* result = nullptr, bool worldWritable = false);
+    // As open(), for the item `name` of the folder open as `dirFd` (AT_FDCWD: a path), so
+    // that walks deeper than a path string can hold still reach their files. Never follows
+    // a final symbolic link (ELOOP); the descriptor is non-blocking, so a named pipe or a
+    // device never holds the open or a read.
+    bool open_at(int dirFd, const char* name, bool openExisting, bool readOnly, bool uncached,
+                 uint32_t* result = nullptr, bool worldWritable = false);
     void close();
     bool is_open() const { return m_fd != -1; }
     bool flush();
@@ -81,6 +87,10 @@ class CHostFile {
     static void warn_verification_unavailable();
 
   private:
+    // The part of opening that follows the open call itself.
+    bool opened(int fd, const char* path, bool openExisting, bool readOnly, bool uncached,
+                uint32_t* result, bool worldWritable);
+
     int32_t m_fd = -1;
     bool m_readOnly = false;
     bool m_uncached = false;

@@ -131,6 +131,32 @@ TEST(HostFileOpen, WorldWritableAppliesOnlyToNewFiles) {
     ::umask(oldMask);
 }
 
+TEST(HostFileOpen, AtFolderNeverFollowsALinkNorWaitsForAPipe) {
+    LogCapture log;
+    TempDir dir;
+    qvxtest::write_file(dir / "f", "data");
+    ASSERT_EQ(::symlink("f", (dir / "l").c_str()), 0);
+    ASSERT_EQ(::mkfifo((dir / "p").c_str(), 0600), 0);
+    const int dirFd = ::open(dir.path().c_str(), O_RDONLY | O_DIRECTORY);
+    ASSERT_GE(dirFd, 0);
+
+    CHostFile file;
+    ASSERT_TRUE(file.open_at(dirFd, "f", true, true, false));
+    char buffer[8] = {};
+    EXPECT_EQ(file.transfer_all(&CHostFile::read_, buffer, sizeof buffer), 4);
+
+    uint32_t result = 0;
+    EXPECT_FALSE(file.open_at(dirFd, "l", true, true, false, &result));
+    EXPECT_EQ(result, qvx::kResultFailure);
+    EXPECT_TRUE(log.contains("CHostFile::open(l) failed: Too many levels of symbolic links"));
+
+    // Opening a pipe without a writer would otherwise hang the transfer.
+    ASSERT_TRUE(file.open_at(dirFd, "p", true, true, false));
+    EXPECT_EQ(file.transfer_all(&CHostFile::read_, buffer, sizeof buffer), 0);
+    file.close();
+    ::close(dirFd);
+}
+
 namespace {
 std::vector<size_t> g_readLengths;
 ssize_t recording_read(int fd, void* buffer, size_t length) {

@@ -88,6 +88,7 @@ constexpr SyscallTable kReal{
     .getxattr = ::getxattr,
     .setxattr = ::setxattr,
     .removexattr = ::removexattr,
+    .readlinkat = ::readlinkat,
 };
 
 std::atomic<const SyscallTable*> g_table{&kReal};
@@ -279,6 +280,9 @@ int sys_setxattr(const char* path, const char* name, const void* value, size_t s
 }
 int sys_removexattr(const char* path, const char* name) {
     return fires(Sys::removexattr) ? -1 : table().removexattr(path, name);
+}
+ssize_t sys_readlinkat(int dirFd, const char* name, char* buffer, size_t size) {
+    return fires(Sys::readlinkat) ? -1 : table().readlinkat(dirFd, name, buffer, size);
 }
 
 }  // namespace platform

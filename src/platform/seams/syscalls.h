@@ -60,6 +60,7 @@ struct SyscallTable {
     ssize_t (*getxattr)(const char* path, const char* name, void* value, size_t size);
     int (*setxattr)(const char* path, const char* name, const void* value, size_t size, int flags);
     int (*removexattr)(const char* path, const char* name);
+    ssize_t (*readlinkat)(int dirFd, const char* name, char* buffer, size_t size);
 };
 
 // Installs a replacement (nullptr restores the real calls) and returns the previous table.
@@ -103,6 +104,7 @@ enum class Sys : uint8_t {
     getxattr,
     setxattr,
     removexattr,
+    readlinkat,
     kCount
 };
 
@@ -156,5 +158,6 @@ int sys_fchmodat(int dirFd, const char* name, mode_t mode, int flags);
 ssize_t sys_getxattr(const char* path, const char* name, void* value, size_t size);
 int sys_setxattr(const char* path, const char* name, const void* value, size_t size, int flags);
 int sys_removexattr(const char* path, const char* name);
+ssize_t sys_readlinkat(int dirFd, const char* name, char* buffer, size_t size);
 
 }  // namespace platform
