@@ -68,6 +68,21 @@ bool send_reply(int fd, uint32_t status, const uint32_t* written, uint8_t* const
     return send_frame(fd, iov, n);
 }
 
+// Commands that carry workerId 0 by definition belong to no operation.
+bool routed_by_worker(uint32_t command) {
+    switch (command) {
+        case dnd::kCmdToolActive:
+        case dnd::kCmdToolStops:
+        case dnd::kCmdFileList:
+        case dnd::kCmdPoll:
+        case dnd::kCmdNewWorkerId:
+        case dnd::kCmdFileListVariant:
+            return false;
+        default:
+            return true;
+    }
+}
+
 const char* state_name(Expectation::State state) {
     switch (state) {
         case Expectation::State::Pending:
@@ -390,7 +405,10 @@ std::optional<uint32_t> Host::handle_dnd(Connection& connection,
         }
         for (const auto& d : m_delayFaults)
             if (d.command == ex.command && (d.nth == 0 || d.nth == ex.sequence)) delay = d.delay;
-        if (auto it = m_handlers.find(ex.command); it != m_handlers.end())
+        if (auto w = m_workerHandlers.find(ex.workerId);
+            w != m_workerHandlers.end() && routed_by_worker(ex.command))
+            handler = w->second;
+        else if (auto it = m_handlers.find(ex.command); it != m_handlers.end())
             handler = it->second;
         else
             handler = m_fallback;
@@ -585,6 +603,21 @@ void Host::clear_handler(uint32_t command) {
 void Host::set_fallback_handler(Handler handler) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_fallback = std::move(handler);
+}
+
+void Host::set_worker_handler(uint64_t workerId, Handler handler) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_workerHandlers[workerId] = std::move(handler);
+}
+
+void Host::clear_worker_handler(uint64_t workerId) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_workerHandlers.erase(workerId);
+}
+
+bool Host::has_worker_handler(uint64_t workerId) const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_workerHandlers.count(workerId) != 0;
 }
 
 std::vector<Expectation> Host::expectations() const {

@@ -137,6 +137,15 @@ class Host {
     void clear_handler(uint32_t command);
     void set_fallback_handler(Handler handler);
 
+    // --- transfers -------------------------------------------------------------------
+    // The messages of one operation (by workerId) go to its worker handler before any
+    // command handler; faults still come first. Commands that always carry workerId 0
+    // (256 to 259, 276, 768) never go to a worker handler. A handler may set or clear
+    // worker handlers, its own included.
+    void set_worker_handler(uint64_t workerId, Handler handler);
+    void clear_worker_handler(uint64_t workerId);
+    bool has_worker_handler(uint64_t workerId) const;
+
     // --- expectations ----------------------------------------------------------------
     std::vector<Expectation> expectations() const;
     // True when no expectation was missed and none is still pending.
@@ -213,6 +222,7 @@ class Host {
     std::condition_variable m_wake;
     std::deque<HostCommand> m_queue;
     std::map<uint32_t, Handler> m_handlers;
+    std::map<uint64_t, Handler> m_workerHandlers;
     Handler m_fallback;
     std::vector<Expectation> m_expectations;
     std::vector<StatusFault> m_statusFaults;
