@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <string>
@@ -148,35 +147,57 @@ bool make_directory(const char* path, uint32_t* result) {
     return false;
 }
 
-bool remove_tree(const char* path) {
-    // A trailing slash would make the kernel follow a final link despite O_NOFOLLOW.
-    size_t length = strlen(path);
-    while (length > 1 && path[length - 1] == '/') --length;
-    char* own = strndup(path, length);
-    if (!own) return false;
-    bool removed = false;
-    const int dirFd = platform::sys_open(own, kDirFlags);
-    if (dirFd == -1) {
+bool make_directory_at(int dirFd, const char* name, uint32_t* result) {
+    if (std::strchr(name, '/')) {
+        errno = EINVAL;
+    } else if (platform::sys_mkdirat(dirFd, name, 0777) == 0) {
+        return true;
+    }
+    result_from_errno(result);
+    return false;
+}
+
+bool remove_tree_at(int dirFd, const char* name) {
+    if (std::strchr(name, '/')) {
+        errno = EINVAL;
+        return false;
+    }
+    const int childFd = platform::sys_openat(dirFd, name, kDirFlags);
+    if (childFd == -1) {
         // O_NOFOLLOW refuses a link; remove the link itself, never what it points to.
         const int error = errno;
         struct stat st {};
-        if ((error == ELOOP || error == ENOTDIR) && platform::sys_lstat(own, &st) == 0 &&
+        if ((error == ELOOP || error == ENOTDIR) &&
+            platform::sys_fstatat(dirFd, name, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
             S_ISLNK(st.st_mode)) {
-            removed = platform::sys_unlink(own) == 0;
-        } else {
-            errno = error;
+            return platform::sys_unlinkat(dirFd, name, 0) == 0;
         }
-    } else {
-        try {
-            TreeWalk walk;
-            removed = walk.empty(dirFd);
-        } catch (const std::bad_alloc&) {
-            errno = ENOMEM;
-        }
-        removed = removed && platform::sys_rmdir(own) == 0;
+        errno = error;
+        return false;
     }
+    bool emptied = false;
+    try {
+        TreeWalk walk;
+        emptied = walk.empty(childFd);
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+    }
+    return emptied && platform::sys_unlinkat(dirFd, name, AT_REMOVEDIR) == 0;
+}
+
+bool remove_tree(const char* path) {
+    // A trailing slash would make the kernel follow a final link despite O_NOFOLLOW.
+    std::string own(path);
+    while (own.size() > 1 && own.back() == '/') own.pop_back();
+    // The folders above the last component are the caller's to trust, links included.
+    const size_t slash = own.rfind('/');
+    if (slash == std::string::npos) return remove_tree_at(AT_FDCWD, own.c_str());
+    const std::string parent = slash == 0 ? "/" : own.substr(0, slash);
+    const int parentFd = platform::sys_open(parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (parentFd == -1) return false;
+    const bool removed = remove_tree_at(parentFd, own.c_str() + slash + 1);
     const int error = errno;
-    std::free(own);
+    platform::sys_close(parentFd);
     errno = error;
     return removed;
 }

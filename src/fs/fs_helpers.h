@@ -10,6 +10,8 @@ namespace qvx {
 // mkdir with mode 0777 (the umask applies); on failure `result` is set as
 // result_from_errno does. Logs nothing.
 bool make_directory(const char* path, uint32_t* result = nullptr);
+// As make_directory, for `name` (one component) in the folder `dirFd`.
+bool make_directory_at(int dirFd, const char* name, uint32_t* result = nullptr);
 
 // Removes a folder and everything below it, depth first, stopping at the first failure
 // (what was removed stays removed). Works through descriptors of the folders it has open and
@@ -18,6 +20,9 @@ bool make_directory(const char* path, uint32_t* result = nullptr);
 // left alone. Holds a bounded number of folders open whatever the depth of the tree, and
 // builds no path below `path`. Logs nothing.
 bool remove_tree(const char* path);
+// As remove_tree, for `name` (one component) in the folder `dirFd`: a folder goes with
+// everything in it, a link as a link; nothing else is touched.
+bool remove_tree_at(int dirFd, const char* name);
 
 // Bytes in an open file; for a block or character device the disk's block count times block
 // size. All-ones when unknown.

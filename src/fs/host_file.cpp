@@ -53,7 +53,9 @@ bool CHostFile::open_at(int dirFd, const char* name, bool openExisting, bool rea
                         bool uncached, uint32_t* result, bool worldWritable) {
     close();
     int flags = (readOnly ? O_RDONLY : O_RDWR) | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-    if (!openExisting) flags |= O_CREAT | O_TRUNC;
+    // Creating takes a free name only: whatever lies there already - someone else's file,
+    // a hard link to one elsewhere - is never truncated.
+    if (!openExisting) flags |= O_CREAT | O_EXCL;
     // Non-blocking changes nothing for a regular file; a named pipe or a device neither
     // holds the open nor a read waiting for a writer or input.
     const int fd = platform::sys_openat(dirFd, name, flags, 0664);
@@ -158,6 +160,16 @@ bool CHostFile::unlink(const char* path) {
         return false;
     }
     return true;
+}
+
+bool CHostFile::unlink_at(int dirFd, const char* name) {
+    if (std::strchr(name, '/')) {
+        errno = EINVAL;
+    } else if (platform::sys_unlinkat(dirFd, name, 0) == 0) {
+        return true;
+    }
+    log_message(kTag, kComponent, 0, "CHostFile::unlink(%s) failed: %s", name, strerror(errno));
+    return false;
 }
 
 bool CHostFile::rename(const char* oldPath, const char* newPath) {

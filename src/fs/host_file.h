@@ -41,7 +41,8 @@ class CHostFile {
     // As open(), for the item `name` of the folder open as `dirFd` (AT_FDCWD: a path), so
     // that walks deeper than a path string can hold still reach their files. Never follows
     // a final symbolic link (ELOOP); the descriptor is non-blocking, so a named pipe or a
-    // device never holds the open or a read.
+    // device never holds the open or a read. Unlike open(), creating (not `openExisting`)
+    // takes a free name only (EEXIST otherwise) and never truncates what is there.
     bool open_at(int dirFd, const char* name, bool openExisting, bool readOnly, bool uncached,
                  uint32_t* result = nullptr, bool worldWritable = false);
     void close();
@@ -62,6 +63,8 @@ class CHostFile {
     bool uncached() const { return m_uncached; }
 
     static bool unlink(const char* path);
+    // Unlinks `name`, one component, from the folder `dirFd`; a link goes as a link.
+    static bool unlink_at(int dirFd, const char* name);
     static bool rename(const char* oldPath, const char* newPath);
     // st_size following links, or all-ones on failure.
     static uint64_t get_file_size(const char* path);

@@ -2,7 +2,9 @@
 #include "platform/seams/syscalls.h"
 
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <sys/statvfs.h>
+#include <sys/syscall.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -51,6 +53,10 @@ void real_free(void* block) {
 int real_fstatvfs(int fd, struct statvfs* st) {
     return ::fstatvfs(fd, st);
 }
+// glibc has no wrapper for openat2.
+int real_openat2(int dirFd, const char* name, struct open_how* how, size_t size) {
+    return static_cast<int>(::syscall(SYS_openat2, dirFd, name, how, size));
+}
 
 // Designated, so that a call added to the table cannot shift its neighbours.
 constexpr SyscallTable kReal{
@@ -89,6 +95,9 @@ constexpr SyscallTable kReal{
     .setxattr = ::setxattr,
     .removexattr = ::removexattr,
     .readlinkat = ::readlinkat,
+    .openat2 = real_openat2,
+    .mkdirat = ::mkdirat,
+    .symlinkat = ::symlinkat,
 };
 
 std::atomic<const SyscallTable*> g_table{&kReal};
@@ -283,6 +292,15 @@ int sys_removexattr(const char* path, const char* name) {
 }
 ssize_t sys_readlinkat(int dirFd, const char* name, char* buffer, size_t size) {
     return fires(Sys::readlinkat) ? -1 : table().readlinkat(dirFd, name, buffer, size);
+}
+int sys_openat2(int dirFd, const char* name, struct open_how* how, size_t size) {
+    return fires(Sys::openat2) ? -1 : table().openat2(dirFd, name, how, size);
+}
+int sys_mkdirat(int dirFd, const char* name, mode_t mode) {
+    return fires(Sys::mkdirat) ? -1 : table().mkdirat(dirFd, name, mode);
+}
+int sys_symlinkat(const char* target, int dirFd, const char* name) {
+    return fires(Sys::symlinkat) ? -1 : table().symlinkat(target, dirFd, name);
 }
 
 }  // namespace platform

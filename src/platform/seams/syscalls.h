@@ -9,6 +9,8 @@
 #include <cstddef>
 #include <cstdint>
 
+struct open_how;
+
 // The macOS file-control requests that Linux's <fcntl.h> lacks; the real table translates
 // them (platform/sim/disk.h). On a Mac they come from <fcntl.h>.
 #ifndef F_RDAHEAD
@@ -61,6 +63,10 @@ struct SyscallTable {
     int (*setxattr)(const char* path, const char* name, const void* value, size_t size, int flags);
     int (*removexattr)(const char* path, const char* name);
     ssize_t (*readlinkat)(int dirFd, const char* name, char* buffer, size_t size);
+    // openat2 takes the kernel's struct open_how; ENOSYS where the kernel lacks it.
+    int (*openat2)(int dirFd, const char* name, struct open_how* how, size_t size);
+    int (*mkdirat)(int dirFd, const char* name, mode_t mode);
+    int (*symlinkat)(const char* target, int dirFd, const char* name);
 };
 
 // Installs a replacement (nullptr restores the real calls) and returns the previous table.
@@ -105,6 +111,9 @@ enum class Sys : uint8_t {
     setxattr,
     removexattr,
     readlinkat,
+    openat2,
+    mkdirat,
+    symlinkat,
     kCount
 };
 
@@ -159,5 +168,8 @@ ssize_t sys_getxattr(const char* path, const char* name, void* value, size_t siz
 int sys_setxattr(const char* path, const char* name, const void* value, size_t size, int flags);
 int sys_removexattr(const char* path, const char* name);
 ssize_t sys_readlinkat(int dirFd, const char* name, char* buffer, size_t size);
+int sys_openat2(int dirFd, const char* name, struct open_how* how, size_t size);
+int sys_mkdirat(int dirFd, const char* name, mode_t mode);
+int sys_symlinkat(const char* target, int dirFd, const char* name);
 
 }  // namespace platform
