@@ -5,12 +5,14 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include <CLI/CLI.hpp>
 
 #include "hostsim/host.h"
+#include "hostsim/tree_source.h"
 
 namespace {
 
@@ -47,6 +49,9 @@ int main(int argc, char** argv) {
     uint64_t closeAt = 0;
     unsigned busyProbes = 0;
     uint64_t probeStatus = 0;
+    std::vector<std::string> trees;
+    std::string onExists = "replace";
+    std::string onFailure = "stop";
     app.add_option("--root", root, "Platform root (default: $QVX_PLATFORM_ROOT or /)");
     app.add_flag("--trace", trace, "Print each exchange as it happens");
     app.add_option("--command", commands, "Queue a host command CODE[:WORKER] (repeatable)");
@@ -62,6 +67,13 @@ int main(int argc, char** argv) {
     app.add_option("--close-at", closeAt, "Close the connection at request N");
     app.add_option("--busy-probes", busyProbes, "Answer the first N tool service probes busy");
     app.add_option("--probe-status", probeStatus, "Status of every tool service probe");
+    app.add_option("--serve-tree", trees,
+                   "Serve the contents of FOLDER to the guest's receive with workerId WORKER: "
+                   "WORKER:FOLDER (repeatable)");
+    app.add_option("--on-exists", onExists, "Answer to an item the guest has already")
+        ->check(CLI::IsMember({"replace", "skip", "stop"}));
+    app.add_option("--on-failure", onFailure, "Answer to an item the guest could not create")
+        ->check(CLI::IsMember({"skip", "stop"}));
     CLI11_PARSE(app, argc, argv);
 
     // Block the stop signals before any thread starts, so only sigwait below sees them.
@@ -101,6 +113,24 @@ int main(int argc, char** argv) {
         }
         host.fail_nth(static_cast<uint32_t>(cmd), nth, static_cast<uint32_t>(status),
                       completion ? hostsim::FaultLevel::Completion : hostsim::FaultLevel::Reply);
+    }
+    hostsim::SourcePolicy policy;
+    policy.onExists = onExists == "replace" ? 101 : onExists == "skip" ? 102 : 9;
+    policy.onFailure = onFailure == "skip" ? 102 : 9;
+    for (const auto& t : trees) {
+        const size_t colon = t.find(':');
+        uint64_t worker = 0;
+        std::vector<hostsim::SourceItem> items;
+        if (colon == std::string::npos || !parse_u64(t.substr(0, colon), worker)) {
+            std::fprintf(stderr, "qvxhost: bad --serve-tree %s\n", t.c_str());
+            return 2;
+        }
+        if (!hostsim::list_folder(t.substr(colon + 1), items)) {
+            std::fprintf(stderr, "qvxhost: cannot list %s\n", t.substr(colon + 1).c_str());
+            return 1;
+        }
+        hostsim::serve_tree(host, worker,
+                            std::make_shared<hostsim::TreeSource>(std::move(items), policy));
     }
     if (suspend) host.set_suspended(true);
     if (closeAt) host.close_at(closeAt);
