@@ -68,12 +68,6 @@ uint32_t send_status(const DnDContext& ctx, Record& out) {
     return status_result(exchange(ctx, out, reply), reply.data());
 }
 
-void replace_backslashes(std::string& text) {
-    for (char& c : text) {
-        if (c == '\\') c = '/';
-    }
-}
-
 }  // namespace
 
 bool SendStateNotice(const DnDContext& ctx, bool active) {
@@ -219,72 +213,6 @@ bool SendEntryName(const DnDContext& ctx, const ItemInfo& entry, bool report,
         SendDialog(ctx, kDialogError, kDialogCodeEntryFailed, entry.name);
     }
     return false;
-}
-
-int next_item(const DnDContext& ctx, ItemInfo& entry, const std::string& basePath, uint32_t arg) {
-    Record out, reply;
-    init_message(out.data(), kMessageSize, kCmdNextItem, ctx.workerId);
-    le::put32(out.data(), kOffEntryValue, arg);
-    if (!exchange(ctx, out, reply)) return 2;
-
-    const uint32_t st = status(reply.data());
-    if (st == kStatusNoMoreItems) return 1;
-    if (is_quiet_stop(st)) return 2;
-    ItemInfo item;
-    // A reply whose name field is inconsistent is as unusable as an unexpected status,
-    // and the user hears of it the same way.
-    if (st != kStatusSuccess ||
-        read_file_entry(reply.data(), kMessageSize, item) != ReplyRead::Ok) {
-        send_failure_notice(ctx);
-        return 2;
-    }
-    std::string name;
-    Utf16ToNormalizedUtf8(reply.data() + kOffName, item.name.size() * 2, name);
-    if (name.empty()) {
-        send_failure_notice(ctx);
-        return 2;
-    }
-    replace_backslashes(name);
-    item.path = basePath + name;
-    entry = std::move(item);
-    return 0;
-}
-
-// The host asks for a larger reply buffer with status 13; beyond this size it is not
-// describing a link target any more (a target is at most a path), so give up.
-static constexpr size_t kLinkReplyInitial = kMessageSize + 256;
-static constexpr size_t kLinkReplyLimit = size_t{1} << 20;
-
-bool query_link_target(const DnDContext& ctx, const ItemInfo& entry, std::string& target) {
-    Record out;
-    init_message(out.data(), kMessageSize, kCmdLinkTarget, ctx.workerId);
-    if (!put_name(out.data(), entry.name)) return false;
-
-    std::vector<uint8_t> reply(kLinkReplyInitial);
-    for (;;) {
-        if (!exchange(ctx, out.data(), kMessageSize, reply.data(), reply.size())) return false;
-        const uint32_t st = status(reply.data());
-        if (st == kStatusBufferTooSmall) {
-            if (reply.size() * 2 > kLinkReplyLimit) return false;
-            reply.resize(reply.size() * 2);
-            continue;
-        }
-        if (is_quiet_stop(st)) return false;
-        if (st != kStatusSuccess) {
-            target.clear();
-            return true;
-        }
-        std::u16string units;
-        if (read_link_target(reply.data(), reply.size(), units) != ReplyRead::Ok) return false;
-        std::string converted;
-        // A target that is no text converts to empty, which means "no link", as for a
-        // status other than 0: the receiver then creates the item as what its
-        // attributes say.
-        Utf16ToNormalizedUtf8(reply.data() + kOffData, units.size() * 2, converted);
-        replace_backslashes(converted);
-        target = std::move(converted);
-        return true;
-    }
 }
 
 uint32_t SendLinkTarget(const DnDContext& ctx, const ItemInfo& entry, const std::string& target) {

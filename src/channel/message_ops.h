@@ -56,11 +56,6 @@ bool SendEntry(const DnDContext& ctx, const ItemInfo& entry,
                bool* refusedLocally = nullptr);  // 271, reporting
 bool SendEntryName(const DnDContext& ctx, const ItemInfo& entry, bool report,
                    bool* refusedLocally = nullptr);  // 270
-// 272: 0 an item is ready in `entry` (path = basePath + name), 1 no more items, 2 failed.
-int next_item(const DnDContext& ctx, ItemInfo& entry, const std::string& basePath, uint32_t arg);
-// 769: true with the target (empty when the item is no link, which is also what a target
-// that converts to empty text means), false when the receive must stop.
-bool query_link_target(const DnDContext& ctx, const ItemInfo& entry, std::string& target);
 // 770, status; a target that is no UTF-8 goes out empty.
 uint32_t SendLinkTarget(const DnDContext& ctx, const ItemInfo& entry, const std::string& target);
 uint32_t SendEntryWithValue(const DnDContext& ctx, const ItemInfo& entry,

@@ -194,6 +194,17 @@ uint64_t CHostFile::get_file_size(const char* path) {
 bool CHostFile::get_mode(const char* path, uint32_t* mode, bool followLinks, bool* pathUsable) {
     struct stat st {};
     const int rc = followLinks ? platform::sys_stat(path, &st) : platform::sys_lstat(path, &st);
+    return mode_result(rc, st, path, mode, followLinks ? "stat" : "lstat", pathUsable);
+}
+
+bool CHostFile::get_mode_at(int dirFd, const char* name, uint32_t* mode, bool* pathUsable) {
+    struct stat st {};
+    const int rc = platform::sys_fstatat(dirFd, name, &st, AT_SYMLINK_NOFOLLOW);
+    return mode_result(rc, st, name, mode, "lstat", pathUsable);
+}
+
+bool CHostFile::mode_result(int rc, const struct stat& st, const char* path, uint32_t* mode,
+                            const char* call, bool* pathUsable) {
     if (rc == 0) {
         *mode = static_cast<uint32_t>(st.st_mode);
         if (pathUsable) *pathUsable = true;
@@ -203,8 +214,8 @@ bool CHostFile::get_mode(const char* path, uint32_t* mode, bool followLinks, boo
     // Missing items are routine during a transfer; anything else is worth a line, but a
     // broken volume would otherwise flood the log.
     if (error != ENOENT && error != ENOTDIR && log_rate_limiter_allow(&g_modeLimiter)) {
-        log_message(kTag, kComponent, 0, "CHostFile::get_mode(%s) %s failed: %s", path,
-                    followLinks ? "stat" : "lstat", strerror(error));
+        log_message(kTag, kComponent, 0, "CHostFile::get_mode(%s) %s failed: %s", path, call,
+                    strerror(error));
     }
     if (pathUsable) *pathUsable = error != ENOTDIR;
     errno = error;

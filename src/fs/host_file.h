@@ -2,6 +2,8 @@
 // retrying and vectored read/write routines.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdint>
 
 #include "log/log.h"
@@ -72,6 +74,9 @@ class CHostFile {
     // component of the path is not a folder. Missing paths are not logged.
     static bool get_mode(const char* path, uint32_t* mode, bool followLinks,
                          bool* pathUsable = nullptr);
+    // As get_mode without following links, for `name` (one component) in the folder `dirFd`.
+    static bool get_mode_at(int dirFd, const char* name, uint32_t* mode,
+                            bool* pathUsable = nullptr);
     static constexpr bool is_dir(uint32_t mode) { return (mode & 0xF000) == 0x4000; }
     static constexpr bool is_file(uint32_t mode) { return (mode & 0xF000) == 0x8000; }
     static constexpr bool is_link(uint32_t mode) { return (mode & 0xF000) == 0xA000; }
@@ -93,6 +98,10 @@ class CHostFile {
     // The part of opening that follows the open call itself.
     bool opened(int fd, const char* path, bool openExisting, bool readOnly, bool uncached,
                 uint32_t* result, bool worldWritable);
+
+    // get_mode's result, mode and log line from the stat call's `rc` and `st`.
+    static bool mode_result(int rc, const struct stat& st, const char* path, uint32_t* mode,
+                            const char* call, bool* pathUsable);
 
     int32_t m_fd = -1;
     bool m_readOnly = false;

@@ -1,18 +1,481 @@
-// The tree receiver and its free-space check. The receive itself is not written yet: it
-// ends as failed after the general notice, which the job closes with a plain 260.
+// The tree receiver and its free-space check. Every name the host sends is checked and
+// split before anything is created, and every item is reached from the destination
+// folder's descriptor through folders only: no "..", no link, no path string a host name
+// could redirect.
 #include "transfer/tree_receiver.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "channel/dnd_message.h"
+#include "fs/beneath.h"
+#include "fs/fs_helpers.h"
+#include "fs/host_file.h"
 #include "platform/seams/syscalls.h"
+#include "text/encoding.h"
 #include "transfer/transfer_job.h"
 
 namespace qvx {
 
-uint32_t receive_tree(const DnDContext& ctx, const std::string&) {
-    SendDialog(ctx, notice::kFailed.dialogId, notice::kFailed.code, u"");
+using namespace dnd;
+
+namespace {
+
+// What one receive works with.
+struct Receive {
+    const DnDContext& ctx;
+    const std::string& destination;
+    int root;         // the destination folder, open for the whole receive
+    uint8_t* buffer;  // kTransferBufferSize bytes
+};
+
+// The item being received.
+struct Item {
+    ItemInfo info;  // from the 272 reply; info.path names the item, it is never opened
+    ItemName name;
+    std::string linkTarget;  // empty: not a link
+    // The folder that holds the item, reached beneath the destination: the destination's
+    // own descriptor, one of our own, or -1 when it cannot be reached (parentError says why,
+    // and creating the item fails with it).
+    int parent = -1;
+    UniqueFd ownParent;
+    int parentError = 0;
+    // What was created, so that nothing else is changed or removed under its name later.
+    bool created = false;
+    dev_t dev = 0;
+    ino_t ino = 0;
+};
+
+// Answers to the question "does the item's name exist already?".
+enum class Existing { Absent, Skip, Fail };
+
+struct Record {
+    uint8_t bytes[kMessageSize];
+    uint8_t* data() { return bytes; }
+};
+
+// One exchange. The reply's fixed record is cleared first, so that a host writing less
+// cannot leave an old status or length to be read. The data area behind it only ever holds
+// bytes this host sent, so what a short reply leaves there discloses nothing of the guest.
+bool exchange(const Receive& rx, const uint8_t* out, uint8_t* reply, size_t replySize) {
+    std::memset(reply, 0, kMessageSize);
+    if (!rx.ctx.send) return false;
+    return rx.ctx.send(rx.ctx.communicator, out, kMessageSize, reply,
+                       static_cast<uint32_t>(replySize));
+}
+
+// A notice about the item (or with an empty text); the host's reply status, or
+// 0xFFFFFFFF when the exchange failed.
+uint32_t notify(const Receive& rx, const Notice& n, const Item* item = nullptr) {
+    return SendDialog(rx.ctx, n.dialogId, n.code,
+                      n.withName && item ? std::u16string_view(item->info.name) : u"");
+}
+
+void notify_failed(const Receive& rx) {
+    notify(rx, notice::kFailed);
+}
+
+// A header-only request (267, 274); the reply's status, or kStatusStop when the exchange
+// failed.
+uint32_t send_bare(const Receive& rx, uint32_t command) {
+    Record out, reply;
+    init_message(out.data(), kMessageSize, command, rx.ctx.workerId);
+    return exchange(rx, out.data(), reply.data(), kMessageSize) ? status(reply.data())
+                                                                : kStatusStop;
+}
+
+// Where a failure to create the item leaves the receive: the host's answer to the c = 3
+// notice skips it (102) or stops everything.
+uint32_t ask_skip(const Receive& rx, const Notice& n, const Item& item) {
+    return notify(rx, n, &item) == kStatusSkip ? kReceiveSkipped : kTransferFailed;
+}
+
+void note_identity(Item& item, const struct stat& st) {
+    item.created = true;
+    item.dev = st.st_dev;
+    item.ino = st.st_ino;
+}
+
+// Notes what the name now holds, when it is what was just created (a racing process may
+// have put something else there). Without it, the item's information is not applied.
+void note_created(Item& item, mode_t type) {
+    struct stat st {};
+    if (platform::sys_fstatat(item.parent, item.name.leaf(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+        (st.st_mode & S_IFMT) == type) {
+        note_identity(item, st);
+    }
+}
+
+// True while the item's name still holds what this receive created.
+bool still_ours(const Item& item) {
+    struct stat st {};
+    return item.created && item.parent != -1 &&
+           platform::sys_fstatat(item.parent, item.name.leaf(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+           st.st_dev == item.dev && st.st_ino == item.ino;
+}
+
+// Reaches the folder that holds the item. A link or ".." on the way means the host names
+// an item through something this receive will not pass: the entry is malformed. A folder
+// that is missing or not accessible only makes the item's creation fail.
+bool open_parent(const Receive& rx, Item& item) {
+    const std::string_view folder = item.name.folder();
+    if (folder.empty()) {
+        item.parent = rx.root;
+        return true;
+    }
+    item.ownParent.reset(open_beneath(rx.root, std::string(folder).c_str(), O_PATH | O_DIRECTORY));
+    if (item.ownParent) {
+        item.parent = item.ownParent.get();
+        return true;
+    }
+    item.parent = -1;
+    item.parentError = errno;
+    if (item.parentError == ELOOP || item.parentError == EXDEV) {
+        notify_failed(rx);
+        return false;
+    }
+    return true;
+}
+
+void release_parent(Item& item) {
+    item.ownParent.reset();
+    item.parent = -1;
+}
+
+// 272: 0 an item is ready, 1 no more items at this level, 2 stop.
+int next_item(const Receive& rx, Item& item) {
+    Record out, reply;
+    init_message(out.data(), kMessageSize, kCmdNextItem, rx.ctx.workerId);
+    le::put32(out.data(), kOffEntryValue, 0);
+    if (!exchange(rx, out.data(), reply.data(), kMessageSize)) return 2;
+    const uint32_t st = status(reply.data());
+    if (st == kStatusNoMoreItems) return 1;
+    if (is_quiet_stop(st)) return 2;
+    // An unexpected status, a name field the reader rejects and a malformed name are all
+    // the same to the user: the host sent something this receive cannot use.
+    if (st != kStatusSuccess ||
+        read_file_entry(reply.data(), kMessageSize, item.info) != ReplyRead::Ok ||
+        !parse_item_name(item.info.name, item.name)) {
+        notify_failed(rx);
+        return 2;
+    }
+    // The full path is only ever shown, never opened.
+    item.info.path = rx.destination;
+    if (item.info.path.empty() || item.info.path.back() != '/') item.info.path += '/';
+    item.info.path += item.name.relative;
+    return 0;
+}
+
+// 769, its reply in the transfer buffer: true with the target (empty for no link), false
+// when the receive must stop.
+bool query_link_target(const Receive& rx, Item& item) {
+    Record out;
+    init_message(out.data(), kMessageSize, kCmdLinkTarget, rx.ctx.workerId);
+    put_name(out.data(), item.info.name);  // read_file_entry let no longer name through
+    size_t size = kLinkReplyInitial;
+    for (;;) {
+        if (!exchange(rx, out.data(), rx.buffer, size)) return false;
+        const uint32_t st = status(rx.buffer);
+        if (st == kStatusBufferTooSmall) {
+            if (size == kLinkReplyLimit) {
+                notify_failed(rx);
+                return false;
+            }
+            size = std::min(size * 2, kLinkReplyLimit);
+            continue;
+        }
+        if (is_quiet_stop(st)) return false;
+        if (st != kStatusSuccess) {
+            item.linkTarget.clear();
+            return true;
+        }
+        std::u16string units;
+        if (read_link_target(rx.buffer, size, units) != ReplyRead::Ok ||
+            units.find(u'\0') != std::u16string::npos) {
+            notify_failed(rx);
+            return false;
+        }
+        // No target at all: the item is no link, as with any other status.
+        if (units.empty()) {
+            item.linkTarget.clear();
+            return true;
+        }
+        std::string target;
+        Utf16ToNormalizedUtf8(rx.buffer + kOffData, units.size() * 2, target);
+        // A target that is no text cannot be created faithfully.
+        if (target.empty()) {
+            notify_failed(rx);
+            return false;
+        }
+        // Stored as it came; the receiver never resolves it.
+        for (char& c : target) {
+            if (c == '\\') c = '/';
+        }
+        item.linkTarget = std::move(target);
+        return true;
+    }
+}
+
+// The item's name exists already: the host decides between replacing it (the existing
+// item is removed, a link as a link, a folder without following anything in it) and
+// skipping the new one.
+Existing existing_path(const Receive& rx, Item& item, bool folder) {
+    uint32_t mode = 0;
+    if (item.parent == -1 || !CHostFile::get_mode_at(item.parent, item.name.leaf(), &mode)) {
+        return Existing::Absent;
+    }
+    const uint32_t answer = notify(rx, notice::kItemExists, &item);
+    if (answer == kStatusSkip) return Existing::Skip;
+    if (answer != kStatusReplace) return Existing::Fail;
+    const bool removed = folder ? remove_tree_at(item.parent, item.name.leaf())
+                                : CHostFile::unlink_at(item.parent, item.name.leaf());
+    if (removed) return Existing::Absent;
+    notify(rx, notice::kCannotRemove, &item);
+    return Existing::Fail;
+}
+
+uint32_t receive_symlink(const Receive& rx, Item& item) {
+    switch (existing_path(rx, item, false)) {
+        case Existing::Fail:
+            return kTransferFailed;
+        case Existing::Skip:
+            return kReceiveSkipped;
+        case Existing::Absent:
+            break;
+    }
+    if (item.parent != -1 &&
+        platform::sys_symlinkat(item.linkTarget.c_str(), item.parent, item.name.leaf()) == 0) {
+        note_created(item, S_IFLNK);
+        return kTransferDone;
+    }
+    return ask_skip(rx, notice::kItemNotCreated, item);
+}
+
+// 274: the host leaves the folder's items out of the following 272 replies.
+uint32_t skip_folder(const Receive& rx) {
+    const uint32_t st = send_bare(rx, kCmdFolderSkipped);
+    if (st == kStatusSuccess) return kReceiveSkipped;
+    if (!is_quiet_stop(st)) notify_failed(rx);
     return kTransferFailed;
+}
+
+uint32_t receive_directory(const Receive& rx, Item& item) {
+    if (item.info.attributes & kAttrDoNotCreate) {
+        if (notify(rx, notice::kItemNotCreated, &item) != kStatusSkip) return kTransferFailed;
+        return skip_folder(rx);
+    }
+    switch (existing_path(rx, item, true)) {
+        case Existing::Fail:
+            return kTransferFailed;
+        case Existing::Skip:
+            return skip_folder(rx);
+        case Existing::Absent:
+            break;
+    }
+    uint32_t result = 0;
+    if (item.parent == -1) {
+        errno = item.parentError;
+        result_from_errno(&result);
+    } else if (make_directory_at(item.parent, item.name.leaf(), &result)) {
+        note_created(item, S_IFDIR);
+        return kTransferDone;
+    }
+    if (result == kResultAccessDenied) {
+        notify(rx, notice::kAccessDenied, &item);
+        return kTransferFailed;
+    }
+    if (notify(rx, notice::kFolderNotCreated, &item) != kStatusSkip) return kTransferFailed;
+    return skip_folder(rx);
+}
+
+// Removes the partly written file, unless its name no longer holds it.
+void remove_partial(Item& item) {
+    if (still_ours(item)) CHostFile::unlink_at(item.parent, item.name.leaf());
+}
+
+// Pulls the file's data chunk by chunk into the transfer buffer and writes each from there.
+uint32_t receive_data(const Receive& rx, Item& item, CHostFile& file) {
+    uint64_t remaining = item.info.size;
+    while (remaining > 0) {
+        const auto chunk = static_cast<uint32_t>(std::min<uint64_t>(remaining, kMaxChunk));
+        Record out;
+        init_message(out.data(), kMessageSize, kCmdReadData, rx.ctx.workerId);
+        le::put32(out.data(), kOffDataLength, chunk);
+        if (!exchange(rx, out.data(), rx.buffer, kMessageSize + chunk)) return kTransferFailed;
+        const uint32_t st = status(rx.buffer);
+        if (is_quiet_stop(st)) return kTransferFailed;
+        if (st != kStatusSuccess) return ask_skip(rx, notice::kDataRequestRefused, item);
+        // The reply buffer holds exactly the chunk asked for, so no more can arrive; a
+        // reply that says it carries a different amount is not one to write.
+        const uint32_t claimed = le::get32(rx.buffer, kOffDataLength);
+        if (claimed != 0 && claimed != chunk) {
+            notify_failed(rx);
+            return kTransferFailed;
+        }
+        if (file.transfer_all(&CHostFile::write_, rx.buffer + kOffData, chunk) !=
+            static_cast<int64_t>(chunk)) {
+            return ask_skip(rx, notice::kChunkNotWritten, item);
+        }
+        notify(rx, notice::kProgress, &item);
+        remaining -= chunk;
+    }
+    return kTransferDone;
+}
+
+uint32_t receive_file(const Receive& rx, Item& item) {
+    switch (existing_path(rx, item, false)) {
+        case Existing::Fail:
+            return kTransferFailed;
+        case Existing::Skip:
+            return kReceiveSkipped;
+        case Existing::Absent:
+            break;
+    }
+    {
+        Record out;
+        build_data_begin(out.data(), rx.ctx.workerId, item.info, 0);
+        Record reply;
+        if (!exchange(rx, out.data(), reply.data(), kMessageSize)) return kTransferFailed;
+        const uint32_t st = status(reply.data());
+        if (is_quiet_stop(st)) return kTransferFailed;
+        if (st != kStatusSuccess) return ask_skip(rx, notice::kItemNotCreated, item);
+    }
+
+    uint32_t result = kTransferDone;
+    CHostFile file;
+    uint32_t openResult = 0;
+    bool opened = false;
+    if (item.parent == -1) {
+        errno = item.parentError;
+        result_from_errno(&openResult);
+    } else {
+        opened = file.open_at(item.parent, item.name.leaf(), false, false, false, &openResult);
+    }
+    if (!opened) {
+        if (openResult == kResultAccessDenied) {
+            notify(rx, notice::kAccessDenied, &item);
+            result = kTransferFailed;
+        } else {
+            result = ask_skip(rx, notice::kItemNotCreated, item);
+        }
+    } else {
+        struct stat st {};
+        if (platform::sys_fstat(file.fd(), &st) == 0) note_identity(item, st);
+        file.seek(0, SEEK_SET);
+        result = receive_data(rx, item, file);
+        file.close();
+        if (result != kTransferDone) remove_partial(item);
+    }
+
+    if (result != kTransferDone) {
+        send_bare(rx, kCmdDataEnd);
+        return result;
+    }
+    const uint32_t st = send_bare(rx, kCmdDataEnd);
+    if (st == kStatusSuccess) return kTransferDone;
+    if (!is_quiet_stop(st)) notify_failed(rx);
+    return kTransferFailed;
+}
+
+// Times, permissions and the lock flag, only on what this receive created and its name
+// still holds, and never through a link.
+bool apply_item_info(const Receive& rx, Item& item) {
+    if (item.parent == -1 && !open_parent(rx, item)) return false;
+    if (!still_ours(item)) return false;
+    struct timespec times[2] = {
+        {ticks_to_unix_seconds(item.info.accessTime), 0},
+        {ticks_to_unix_seconds(item.info.modificationTime), 0},
+    };
+    return platform::sys_utimensat(item.parent, item.name.leaf(), times, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+uint32_t receive_level(const Receive& rx, uint32_t level) {
+    for (;;) {
+        Item item;
+        const int next = next_item(rx, item);
+        if (next == 1) return kTransferDone;
+        if (next == 2) return kTransferFailed;
+        // No name that fits its field can lie this deep: the host is not describing a tree.
+        if (level > kMaxLevels) {
+            notify_failed(rx);
+            return kTransferFailed;
+        }
+        notify(rx, notice::kItemBegins, &item);
+        if (!query_link_target(rx, item)) return kTransferFailed;
+        if (!open_parent(rx, item)) return kTransferFailed;
+
+        const bool folder = item.linkTarget.empty() && (item.info.attributes & kAttrDirectory);
+        uint32_t result = 0;
+        if (!item.linkTarget.empty()) {
+            result = receive_symlink(rx, item);
+        } else if (folder) {
+            result = receive_directory(rx, item);
+        } else {
+            result = receive_file(rx, item);
+        }
+        if (result == kTransferFailed) return kTransferFailed;
+        if (result == kReceiveSkipped) continue;
+        if (folder) {
+            // Item names are relative to the destination, not to the folder. The folder's
+            // parent is let go meanwhile, so that the descriptors held stay few at any depth.
+            release_parent(item);
+            if (receive_level(rx, level + 1) != kTransferDone) return kTransferFailed;
+        }
+        apply_item_info(rx, item);
+    }
+}
+
+}  // namespace
+
+bool parse_item_name(std::u16string_view units, ItemName& out) {
+    if (units.empty() || units.size() > kMaxTextUnits) return false;
+    uint8_t bytes[kNameBytes];
+    for (size_t i = 0; i < units.size(); ++i) {
+        // The conversion would stop at a NUL and hand back only the name before it.
+        if (units[i] == 0) return false;
+        le::put16(bytes + 2 * i, units[i]);
+    }
+    std::string name;
+    Utf16ToNormalizedUtf8(bytes, units.size() * 2, name);
+    if (name.empty() || name.find('\0') != std::string::npos) return false;
+    for (char& c : name) {
+        if (c == '\\') c = '/';
+    }
+    const size_t start = name.front() == '/' ? 1 : 0;
+    size_t at = start;
+    for (;;) {
+        const size_t slash = name.find('/', at);
+        const std::string_view component =
+            std::string_view(name).substr(at, slash == std::string::npos ? slash : slash - at);
+        if (component.empty() || component.size() > kMaxComponentBytes || component == "." ||
+            component == "..") {
+            return false;
+        }
+        if (slash == std::string::npos) break;
+        at = slash + 1;
+    }
+    out.relative = name.substr(start);
+    out.leafAt = at - start;
+    return true;
+}
+
+uint32_t receive_tree(const DnDContext& ctx, const std::string& destination) {
+    // Held for the whole receive: whatever later happens to the path, every item lands in
+    // the folder that was checked for space.
+    UniqueFd root(platform::sys_open(destination.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[kTransferBufferSize]());
+    if (!root || !buffer) {
+        SendDialog(ctx, notice::kFailed.dialogId, notice::kFailed.code, u"");
+        return kTransferFailed;
+    }
+    const Receive rx{ctx, destination, root.get(), buffer.get()};
+    return receive_level(rx, 1);
 }
 
 bool get_free_space(const std::string& folder, uint64_t* freeBytes) {

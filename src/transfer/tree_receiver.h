@@ -2,15 +2,54 @@
 // check that comes before it.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "channel/message_ops.h"
 
 namespace qvx {
 
+// The one buffer of a receive: the reply record of every data request, with a whole chunk
+// behind it; also the growing reply of the link target query.
+inline constexpr size_t kTransferBufferSize = dnd::kMessageSize + dnd::kMaxChunk;
+// The link target query's reply starts with room for 256 bytes of target and doubles on
+// status 13 up to 64 KiB of target, far beyond any path; a host asking for more is given
+// up on. The last step is cut to the limit rather than overshoot it.
+inline constexpr size_t kLinkReplyInitial = dnd::kMessageSize + 256;
+inline constexpr size_t kLinkReplyLimit = dnd::kMessageSize + 65536;
+static_assert(kLinkReplyLimit <= kTransferBufferSize);
+// A component longer than this is no file name on any file system the guest has.
+inline constexpr size_t kMaxComponentBytes = 255;
+// Levels a received tree may have. A folder at level n has at least n components in its
+// name, each with its separator, so no name that fits 1023 code units lies deeper.
+inline constexpr uint32_t kMaxLevels = (dnd::kMaxTextUnits + 1) / 2;
+
+// A received item name, checked and split: the components joined by '/', relative to the
+// destination folder ("dir/a.txt").
+struct ItemName {
+    std::string relative;
+    size_t leafAt = 0;  // where the last component starts in `relative`
+
+    // The folders before the last component ("dir"; empty for a top-level item).
+    std::string_view folder() const {
+        return std::string_view(relative).substr(0, leafAt == 0 ? 0 : leafAt - 1);
+    }
+    const char* leaf() const { return relative.c_str() + leafAt; }
+};
+
+// Checks a name as the host sends it (UTF-16 code units, backslashes or slashes between
+// components, one leading separator expected and tolerated when missing) and splits it.
+// The name is converted to UTF-8 in normalization form D. False for a malformed name:
+// empty, more than 1023 units, a NUL unit, no text, an empty, "." or ".." component, or a
+// component of more than 255 bytes.
+bool parse_item_name(std::u16string_view units, ItemName& out);
+
 // Receives every item the host describes into `destination`. kTransferFailed when the
-// receive stopped; anything else counts as done.
+// receive stopped; anything else counts as done. Every item is created, written, changed
+// and removed beneath the destination folder, opened once: no host name or link leads
+// outside it.
 uint32_t receive_tree(const DnDContext& ctx, const std::string& destination);
 
 // The free bytes of the file system that holds `folder`: every free block, those kept

@@ -126,8 +126,6 @@ TEST(MessageOps, LocalRefusalsAreToldApartFromTheHostsStop) {
     std::vector<uint8_t> data(kMessageSize + 131073);
     EXPECT_EQ(ReadData(ctx, data.data(), 131073), kStatusRefusedLocally);
     EXPECT_EQ(WriteData(ctx, data.data(), 131073), kStatusRefusedLocally);
-    std::string target;
-    EXPECT_FALSE(query_link_target(ctx, entry, target));
     EXPECT_EQ(host.sent.size(), 0u);
 
     entry.name = std::u16string(1023, u'x');
@@ -157,101 +155,6 @@ TEST(MessageOps, UnusableLinkTargetIsSentEmpty) {
     ASSERT_EQ(host.sent[0].bytes.size(), kMessageSize);
     EXPECT_EQ(le::get32(host.sent[0].bytes.data(), 2128), 0u);
     EXPECT_EQ(le::get16(host.sent[0].bytes.data(), 80), u'l');
-}
-
-Answer entry_reply(std::u16string name, uint32_t length) {
-    return {true, 0, [name, length](uint8_t* r, size_t) {
-                le::put32(r, 32, 0x10);
-                le::put64(r, 52, 0xABCDEF0123);
-                le::put64(r, 68, 300000);
-                le::put32(r, 76, length);
-                for (size_t i = 0; i < name.size(); ++i) le::put16(r, 80 + 2 * i, name[i]);
-                le::put16(r, 2132, 1);
-                le::put16(r, 2134, 0644);
-            }};
-}
-
-TEST(MessageOps, NextItemReadsEntryAndReportsBadReplies) {
-    ScriptedHost host;
-    auto ctx = host.context();
-    ItemInfo entry;
-    host.script.push_back(entry_reply(u"\\dir\\a.txt", 10));
-    ASSERT_EQ(next_item(ctx, entry, "/Users/u/Desktop", 3), 0);
-    EXPECT_EQ(le::get32(host.sent[0].bytes.data(), 28), 3u);
-    EXPECT_EQ(entry.path, "/Users/u/Desktop/dir/a.txt");
-    EXPECT_EQ(entry.name, u"\\dir\\a.txt");
-    EXPECT_EQ(std::tuple(entry.accessTime, entry.size, entry.attributes, entry.mode),
-              std::tuple(uint64_t{0xABCDEF0123}, uint64_t{300000}, 0x10u, uint16_t{0644}));
-
-    host.answer({7, 9, 100});
-    EXPECT_EQ(next_item(ctx, entry, "/d", 0), 1);
-    EXPECT_EQ(next_item(ctx, entry, "/d", 0), 2);
-    EXPECT_EQ(next_item(ctx, entry, "/d", 0), 2);
-    EXPECT_EQ(host.sent.size(), 4u);
-
-    // Each of these ends with a failure dialog: an unexpected status, an empty name, a
-    // length beyond the field and a name without its terminator.
-    for (Answer bad : {Answer{true, 5, nullptr}, entry_reply(u"", 0), entry_reply(u"x", 1024),
-                       entry_reply(u"abc", 2)}) {
-        host.script.push_back(bad);
-        host.answer({0});  // the dialog's reply
-        const size_t before = host.sent.size();
-        EXPECT_EQ(next_item(ctx, entry, "/d", 0), 2);
-        ASSERT_EQ(host.sent.size(), before + 2);
-        expect_failure_dialog(host.sent.back());
-    }
-    EXPECT_EQ(entry.path, "/Users/u/Desktop/dir/a.txt") << "a failed read leaves the entry";
-}
-
-Answer link_reply(uint32_t status, std::u16string target, uint32_t length) {
-    return {true, status, [target, length](uint8_t* r, size_t size) {
-                le::put32(r, 2128, length);
-                for (size_t i = 0; i < target.size() && 2196 + 2 * i + 1 < size; ++i) {
-                    le::put16(r, 2196 + 2 * i, target[i]);
-                }
-            }};
-}
-
-TEST(MessageOps, QueryLinkTargetGrowsReplyBuffer) {
-    ScriptedHost host;
-    auto ctx = host.context();
-    ItemInfo entry;
-    entry.name = u"link";
-    std::string target;
-    host.answer({13, 13});
-    host.script.push_back(link_reply(0, u"..\\lib\\x", 16));
-    ASSERT_TRUE(query_link_target(ctx, entry, target));
-    EXPECT_EQ(target, "../lib/x");
-    ASSERT_EQ(host.sent.size(), 3u);
-    EXPECT_EQ(std::tuple(host.sent[0].replySize, host.sent[1].replySize, host.sent[2].replySize),
-              std::tuple(2452u, 4904u, 9808u));
-    EXPECT_EQ(host.sent[2].command(), 769u);
-    EXPECT_EQ(le::get16(host.sent[2].bytes.data(), 80), u'l');
-
-    host.answer({4});
-    target = "stale";
-    EXPECT_TRUE(query_link_target(ctx, entry, target));
-    EXPECT_EQ(target, "") << "any other status: not a link";
-    host.answer({100});
-    EXPECT_FALSE(query_link_target(ctx, entry, target));
-    host.script.push_back(link_reply(0, u"abc", 3));
-    EXPECT_FALSE(query_link_target(ctx, entry, target));
-    host.script.push_back(link_reply(0, u"ab", 258));  // longer than the 2452-byte buffer
-    EXPECT_FALSE(query_link_target(ctx, entry, target));
-    host.script.push_back(link_reply(0, u"ab", 0xFFFFFFFE));
-    EXPECT_FALSE(query_link_target(ctx, entry, target));
-    // A target that is no text converts to empty, which means no link.
-    host.script.push_back(link_reply(0, u"a\xD800", 4));
-    target = "stale";
-    EXPECT_TRUE(query_link_target(ctx, entry, target));
-    EXPECT_EQ(target, "");
-
-    // A host that keeps asking for more room is given up on at a bounded size.
-    host.sent.clear();
-    for (int i = 0; i < 64; ++i) host.answer({13});
-    EXPECT_FALSE(query_link_target(ctx, entry, target));
-    EXPECT_LT(host.sent.size(), 12u);
-    EXPECT_LE(host.sent.back().replySize, size_t{1} << 20);
 }
 
 }  // namespace
