@@ -4,6 +4,7 @@
 // could redirect.
 #include "transfer/tree_receiver.h"
 
+#include <CoreServices/CoreServices.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -33,6 +34,13 @@ struct Receive {
     const std::string& destination;
     int root;         // the destination folder, open for the whole receive
     uint8_t* buffer;  // kTransferBufferSize bytes
+    // The destination as a catalog reference, and the last folder reached from it (items
+    // of one folder come one after another), so that an item's reference is made one name
+    // at a time from the destination, never from a path string.
+    FSRef destRef;
+    std::string refFolder;  // relative name of `refFolderRef`; empty: the destination
+    FSRef refFolderRef;
+    bool refFolderValid = false;
 };
 
 // The item being received.
@@ -120,27 +128,28 @@ bool still_ours(const Item& item) {
            st.st_dev == item.dev && st.st_ino == item.ino;
 }
 
-// Reaches the folder that holds the item. A link or ".." on the way means the host names
-// an item through something this receive will not pass: the entry is malformed. A folder
-// that is missing or not accessible only makes the item's creation fail.
-bool open_parent(const Receive& rx, Item& item) {
+// Reaches the folder that holds the item; false when it cannot be reached (parentError
+// says why).
+bool reach_parent(const Receive& rx, Item& item) {
     const std::string_view folder = item.name.folder();
     if (folder.empty()) {
         item.parent = rx.root;
         return true;
     }
     item.ownParent.reset(open_beneath(rx.root, std::string(folder).c_str(), O_PATH | O_DIRECTORY));
-    if (item.ownParent) {
-        item.parent = item.ownParent.get();
+    item.parent = item.ownParent ? item.ownParent.get() : -1;
+    item.parentError = item.ownParent ? 0 : errno;
+    return item.parent != -1;
+}
+
+// Reaches the folder that holds the item before it is created. A link or ".." on the way
+// means the host names an item through something this receive will not pass: the entry is
+// malformed. A folder that is missing or not accessible only makes the creation fail.
+bool open_parent(const Receive& rx, Item& item) {
+    if (reach_parent(rx, item) || (item.parentError != ELOOP && item.parentError != EXDEV))
         return true;
-    }
-    item.parent = -1;
-    item.parentError = errno;
-    if (item.parentError == ELOOP || item.parentError == EXDEV) {
-        notify_failed(rx);
-        return false;
-    }
-    return true;
+    notify_failed(rx);
+    return false;
 }
 
 void release_parent(Item& item) {
@@ -225,7 +234,7 @@ bool query_link_target(const Receive& rx, Item& item) {
 // The item's name exists already: the host decides between replacing it (the existing
 // item is removed, a link as a link, a folder without following anything in it) and
 // skipping the new one.
-Existing existing_path(const Receive& rx, Item& item, bool folder) {
+Existing existing_path(Receive& rx, Item& item, bool folder) {
     uint32_t mode = 0;
     if (item.parent == -1 || !CHostFile::get_mode_at(item.parent, item.name.leaf(), &mode)) {
         return Existing::Absent;
@@ -233,6 +242,8 @@ Existing existing_path(const Receive& rx, Item& item, bool folder) {
     const uint32_t answer = notify(rx, notice::kItemExists, &item);
     if (answer == kStatusSkip) return Existing::Skip;
     if (answer != kStatusReplace) return Existing::Fail;
+    // The folder remembered for catalog references may be the one going away.
+    rx.refFolderValid = false;
     const bool removed = folder ? remove_tree_at(item.parent, item.name.leaf())
                                 : CHostFile::unlink_at(item.parent, item.name.leaf());
     if (removed) return Existing::Absent;
@@ -240,7 +251,7 @@ Existing existing_path(const Receive& rx, Item& item, bool folder) {
     return Existing::Fail;
 }
 
-uint32_t receive_symlink(const Receive& rx, Item& item) {
+uint32_t receive_symlink(Receive& rx, Item& item) {
     switch (existing_path(rx, item, false)) {
         case Existing::Fail:
             return kTransferFailed;
@@ -265,7 +276,7 @@ uint32_t skip_folder(const Receive& rx) {
     return kTransferFailed;
 }
 
-uint32_t receive_directory(const Receive& rx, Item& item) {
+uint32_t receive_directory(Receive& rx, Item& item) {
     if (item.info.attributes & kAttrDoNotCreate) {
         if (notify(rx, notice::kItemNotCreated, &item) != kStatusSkip) return kTransferFailed;
         return skip_folder(rx);
@@ -328,7 +339,7 @@ uint32_t receive_data(const Receive& rx, Item& item, CHostFile& file) {
     return kTransferDone;
 }
 
-uint32_t receive_file(const Receive& rx, Item& item) {
+uint32_t receive_file(Receive& rx, Item& item) {
     switch (existing_path(rx, item, false)) {
         case Existing::Fail:
             return kTransferFailed;
@@ -383,19 +394,91 @@ uint32_t receive_file(const Receive& rx, Item& item) {
     return kTransferFailed;
 }
 
-// Times, permissions and the lock flag, only on what this receive created and its name
-// still holds, and never through a link.
-bool apply_item_info(const Receive& rx, Item& item) {
-    if (item.parent == -1 && !open_parent(rx, item)) return false;
-    if (!still_ours(item)) return false;
-    struct timespec times[2] = {
-        {ticks_to_unix_seconds(item.info.accessTime), 0},
-        {ticks_to_unix_seconds(item.info.modificationTime), 0},
-    };
-    return platform::sys_utimensat(item.parent, item.name.leaf(), times, AT_SYMLINK_NOFOLLOW) == 0;
+// The catalog reference of the folder `relative` (empty: the destination), reached from
+// the destination one name at a time: the catalog never follows a final link nor goes
+// through anything but a folder, so no link leads the reference elsewhere.
+const FSRef* folder_ref(Receive& rx, std::string_view relative) {
+    if (relative.empty()) return &rx.destRef;
+    if (rx.refFolderValid && rx.refFolder == relative) return &rx.refFolderRef;
+    rx.refFolderValid = false;
+    FSRef current;
+    const FSRef* parent = &rx.destRef;
+    size_t at = 0;
+    for (;;) {
+        const size_t slash = relative.find('/', at);
+        const std::string_view component = relative.substr(at, slash - at);
+        const std::u16string units = Utf8ToUtf16(component.data(), component.size());
+        FSRef next;
+        if (units.empty() ||
+            FSMakeFSRefUnicode(parent, units.size(), reinterpret_cast<const UniChar*>(units.data()),
+                               kTextEncodingUnknown, &next) != noErr) {
+            return nullptr;
+        }
+        current = std::move(next);
+        parent = &current;
+        if (slash == std::string_view::npos) break;
+        at = slash + 1;
+    }
+    rx.refFolder.assign(relative);
+    rx.refFolderRef = std::move(current);
+    rx.refFolderValid = true;
+    return &rx.refFolderRef;
 }
 
-uint32_t receive_level(const Receive& rx, uint32_t level) {
+UTCDateTime catalog_date(uint64_t ticks) {
+    // The catalog holds 48 bits of seconds since 1904.
+    const uint64_t seconds = ticks_to_catalog_seconds(ticks);
+    UTCDateTime date{};
+    date.highSeconds = static_cast<UInt16>(seconds >> 32);
+    date.lowSeconds = static_cast<UInt32>(seconds);
+    date.fraction = 0;
+    return date;
+}
+
+// Times, permissions and the lock flag of a received item, only on what this receive
+// created and the item's name still holds, and never through a link. The lock comes last:
+// a locked item would refuse the rest.
+bool apply_item_info(Receive& rx, Item& item) {
+    if (item.parent == -1 && !reach_parent(rx, item)) return false;
+    if (!still_ours(item)) return false;
+    const FSRef* folder = folder_ref(rx, item.name.folder());
+    const std::u16string leaf = Utf8ToUtf16(item.name.leaf(), std::strlen(item.name.leaf()));
+    FSRef ref;
+    if (!folder || leaf.empty() ||
+        FSMakeFSRefUnicode(folder, leaf.size(), reinterpret_cast<const UniChar*>(leaf.data()),
+                           kTextEncodingUnknown, &ref) != noErr) {
+        return false;
+    }
+    const bool locked = item.info.attributes & kAttrLocked;
+    FSCatalogInfoBitmap which =
+        kFSCatInfoCreateDate | kFSCatInfoContentMod | kFSCatInfoAccessDate | kFSCatInfoFinderInfo;
+    if (item.info.modeValid != 0) which |= kFSCatInfoPermissions;
+    FSCatalogInfo info{};
+    if (FSGetCatalogInfo(&ref, which | kFSCatInfoNodeID | (locked ? kFSCatInfoNodeFlags : 0), &info,
+                         nullptr, nullptr, nullptr) != noErr) {
+        return false;
+    }
+    // The reference must be to the item created, as its name showed a moment ago.
+    if (info.nodeID != static_cast<UInt32>(item.ino)) return false;
+
+    info.createDate = catalog_date(item.info.creationTime);
+    info.contentModDate = catalog_date(item.info.modificationTime);
+    info.accessDate = catalog_date(item.info.accessTime);
+    if (item.info.modeValid != 0) info.permissions.mode = item.info.mode;
+    if (FSSetCatalogInfo(&ref, which, &info) != noErr) return false;
+
+    struct timespec times[2] = {
+        {static_cast<time_t>(ticks_to_unix_seconds(item.info.accessTime)), 0},
+        {static_cast<time_t>(ticks_to_unix_seconds(item.info.modificationTime)), 0},
+    };
+    if (platform::sys_utimensat(item.parent, item.name.leaf(), times, AT_SYMLINK_NOFOLLOW) != 0)
+        return false;
+    if (!locked) return true;
+    info.nodeFlags |= kFSNodeLockedMask;
+    return FSSetCatalogInfo(&ref, kFSCatInfoNodeFlags, &info) == noErr;
+}
+
+uint32_t receive_level(Receive& rx, uint32_t level) {
     for (;;) {
         Item item;
         const int next = next_item(rx, item);
@@ -470,11 +553,22 @@ uint32_t receive_tree(const DnDContext& ctx, const std::string& destination) {
     // the folder that was checked for space.
     UniqueFd root(platform::sys_open(destination.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[kTransferBufferSize]());
-    if (!root || !buffer) {
+    Receive rx{ctx, destination, root.get(), buffer.get(), {}, {}, {}, false};
+    // The catalog's reference to the same folder: "/." lets a link in the destination's own
+    // path be followed, as opening it did, and the node number shows it is the same one.
+    struct stat rootStat {};
+    FSCatalogInfo rootInfo{};
+    const bool ready = root && buffer && platform::sys_fstat(root.get(), &rootStat) == 0 &&
+                       FSPathMakeRefWithOptions(
+                           reinterpret_cast<const UInt8*>((destination + "/.").c_str()),
+                           kFSPathMakeRefDoNotFollowLeafSymlink, &rx.destRef, nullptr) == noErr &&
+                       FSGetCatalogInfo(&rx.destRef, kFSCatInfoNodeID, &rootInfo, nullptr, nullptr,
+                                        nullptr) == noErr &&
+                       rootInfo.nodeID == static_cast<UInt32>(rootStat.st_ino);
+    if (!ready) {
         SendDialog(ctx, notice::kFailed.dialogId, notice::kFailed.code, u"");
         return kTransferFailed;
     }
-    const Receive rx{ctx, destination, root.get(), buffer.get()};
     return receive_level(rx, 1);
 }
 

@@ -3,10 +3,14 @@
 // the destination, through openat2 and through the walk that stands in for it.
 #include "transfer/tree_receiver.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <CoreServices/CoreServices.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <string>
 #include <tuple>
@@ -224,6 +228,72 @@ TEST_P(Receiver, FolderMarkedNotToBeCreatedIsSkippedOrStops) {
     EXPECT_TRUE(stop.of(274).empty());
 }
 
+// The catalog calls the receiver makes, in order, as the system calls they come down to.
+std::vector<std::string> g_metadataCalls;
+
+TEST_P(Receiver, ItemsGetTheirTimesModeAndLockTheLockLast) {
+    const uint64_t t1 = kTicks1601To1970 + 1'500'000'000ull * kTicksPerSecond;
+    const uint64_t t2 = kTicks1601To1970 + 1'600'000'000ull * kTicksPerSecond;
+    SourceItem locked = file_item(u"\\locked", "l");
+    locked.attributes = kAttrLocked;
+    locked.mode = 0100604;
+    locked.creationTime = t1;
+    locked.modificationTime = t2;
+    SourceItem folder = folder_item(u"\\d");
+    folder.mode = 040711;
+    folder.modificationTime = t1;
+    SourceItem link = link_item(u"\\L", qvx::Utf8ToUtf16(m_dir / "outside/keep"));
+    link.modificationTime = t1;
+    struct stat before {};
+    ASSERT_EQ(::stat((m_dir / "outside/keep").c_str(), &before), 0);
+
+    m_faults.table().utimensat = [](int d, const char* n, const struct timespec t[2], int f) {
+        g_metadataCalls.push_back("times");
+        return platform::real_syscalls()->utimensat(d, n, t, f);
+    };
+    m_faults.table().fchmodat = [](int d, const char* n, mode_t m, int f) {
+        g_metadataCalls.push_back("mode");
+        return platform::real_syscalls()->fchmodat(d, n, m, f);
+    };
+    m_faults.table().setxattr = [](const char* p, const char* n, const void* v, size_t s, int f) {
+        g_metadataCalls.push_back(n);
+        return platform::real_syscalls()->setxattr(p, n, v, s, f);
+    };
+    m_faults.install();
+    g_metadataCalls.clear();
+    SourceHost host({link, folder, end_of(2), locked, end_of(1)});
+    EXPECT_EQ(receive(host), kTransferDone);
+
+    struct stat st {};
+    ASSERT_EQ(::lstat(at("locked").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0604u);
+    EXPECT_EQ(st.st_mtim.tv_sec, 1'600'000'000);
+    ASSERT_EQ(::lstat(at("d").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0711u);
+    EXPECT_EQ(st.st_mtim.tv_sec, 1'500'000'000);
+    ASSERT_EQ(::lstat(at("L").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISLNK(st.st_mode));
+    EXPECT_EQ(st.st_mtim.tv_sec, 1'500'000'000) << "the link itself has the times";
+    ASSERT_EQ(::stat((m_dir / "outside/keep").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mtim.tv_sec, before.st_mtim.tv_sec) << "not what it points to";
+
+    FSRef ref;
+    FSCatalogInfo info{};
+    ASSERT_EQ(FSPathMakeRefWithOptions(reinterpret_cast<const UInt8*>(at("locked").c_str()),
+                                       kFSPathMakeRefDoNotFollowLeafSymlink, &ref, nullptr),
+              noErr);
+    ASSERT_EQ(FSGetCatalogInfo(&ref, kFSCatInfoNodeFlags | kFSCatInfoCreateDate, &info, nullptr,
+                               nullptr, nullptr),
+              noErr);
+    EXPECT_EQ(info.nodeFlags & kFSNodeLockedMask, kFSNodeLockedMask);
+    EXPECT_EQ(info.createDate.lowSeconds, ticks_to_catalog_seconds(t1));
+    ASSERT_FALSE(g_metadataCalls.empty());
+    EXPECT_EQ(g_metadataCalls.back(), "user.quorvex.nodeflags");
+    const auto lock = std::find(g_metadataCalls.begin(), g_metadataCalls.end(),
+                                std::string("user.quorvex.nodeflags"));
+    EXPECT_EQ(lock + 1, g_metadataCalls.end()) << "set once, after everything else";
+}
+
 TEST_P(Receiver, FailedWriteRemovesThePartialFile) {
     SourceHost host(
         {file_item(u"\\big", std::string(300000, 'x')), file_item(u"\\next", "n"), end_of(1)},
@@ -245,11 +315,21 @@ TEST_P(Receiver, FailedWriteRemovesThePartialFile) {
 
 TEST_P(Receiver, AccessDeniedEndsTheReceiveWithoutAskingTheHost) {
     SourceHost file({file_item(u"\\f", "x"), end_of(1)}, SourcePolicy{101, 102});
-    platform::fault_inject(Sys::openat, 1, EACCES);
+    // Only creating is refused: the folders on the way stay open to us.
+    m_faults.table().openat = [](int dirFd, const char* name, int flags, mode_t mode) {
+        if (flags & O_CREAT) {
+            errno = EACCES;
+            return -1;
+        }
+        return platform::real_syscalls()->openat(dirFd, name, flags, mode);
+    };
+    m_faults.install();
     EXPECT_EQ(receive(file), kTransferFailed);
     EXPECT_EQ(questions(file), (Notices{{4u, 11u, u"\\f"}}));
     EXPECT_EQ(file.commands().back(), 267u);
 
+    m_faults.table().openat = platform::real_syscalls()->openat;
+    m_faults.install();
     SourceHost folder({folder_item(u"\\d"), end_of(2), end_of(1)}, SourcePolicy{101, 102});
     platform::fault_inject(Sys::mkdirat, 1, EACCES);
     EXPECT_EQ(receive(folder), kTransferFailed);
