@@ -4,6 +4,8 @@
 #pragma once
 
 #include <memory>
+#include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -22,58 +24,51 @@ struct SourceHost : ScriptedHost {
                               const Request& r = sent.back();
                               hostsim::Exchange ex;
                               ex.command = r.command();
-                              ex.workerId = qvx::le::get64(r.bytes.data(), qvx::dnd::kOffWorkerId);
                               ex.request = {r.bytes.data(), r.bytes.size()};
                               ex.reply = {reply, size};
-                              ex.replyWritten = qvx::dnd::kMessageSize;
-                              const auto status = source->answer(ex);
-                              qvx::le::put32(reply, qvx::dnd::kOffStatus, status);
+                              qvx::le::put32(reply, qvx::dnd::kOffStatus, source->answer(ex));
                           }};
         };
     }
-
-    // Requests of one command, in order.
     std::vector<const Request*> of(uint32_t command) const {
         std::vector<const Request*> out;
         for (const auto& r : sent)
             if (r.command() == command) out.push_back(&r);
         return out;
     }
+    // The notices that ask or report, in order: all but (1, 0) and (5, 0).
+    std::vector<std::tuple<uint32_t, uint32_t, std::u16string>> questions() const {
+        std::vector<std::tuple<uint32_t, uint32_t, std::u16string>> out;
+        for (const auto& n : source->notices())
+            if (n.dialogId != 1 && n.dialogId != 5) out.emplace_back(n.dialogId, n.code, n.text);
+        return out;
+    }
 };
 
-// Builders for hand-made listings.
-inline hostsim::SourceItem file_item(std::u16string name, std::string content, uint32_t depth = 1) {
-    hostsim::SourceItem item;
-    item.kind = hostsim::SourceItem::Kind::File;
-    item.depth = depth;
-    item.name = std::move(name);
-    item.size = content.size();
-    item.content = std::move(content);
-    item.mode = 0100640;
-    return item;
+// Listed items, for hand-made listings.
+inline hostsim::SourceItem listed(hostsim::SourceItem::Kind kind, std::u16string name,
+                                  uint32_t depth) {
+    hostsim::SourceItem i;
+    i.kind = kind;
+    i.depth = depth;
+    i.name = std::move(name);
+    i.attributes = kind == hostsim::SourceItem::Kind::Folder ? 0x10 : 0;
+    return i;
 }
-
-inline hostsim::SourceItem folder_item(std::u16string name, uint32_t depth = 1) {
-    hostsim::SourceItem item;
-    item.kind = hostsim::SourceItem::Kind::Folder;
-    item.depth = depth;
-    item.name = std::move(name);
-    item.attributes = 0x10;
-    item.mode = 040750;
-    return item;
+inline hostsim::SourceItem file(std::u16string name, std::string content, uint32_t depth = 1) {
+    auto i = listed(hostsim::SourceItem::Kind::File, std::move(name), depth);
+    i.size = content.size();
+    i.content = std::move(content);
+    return i;
 }
-
-inline hostsim::SourceItem link_item(std::u16string name, std::u16string target,
-                                     uint32_t depth = 1) {
-    hostsim::SourceItem item;
-    item.kind = hostsim::SourceItem::Kind::Link;
-    item.depth = depth;
-    item.name = std::move(name);
-    item.linkTarget = std::move(target);
-    item.mode = 0120777;
-    return item;
+inline hostsim::SourceItem folder(std::u16string name, uint32_t depth = 1) {
+    return listed(hostsim::SourceItem::Kind::Folder, std::move(name), depth);
 }
-
+inline hostsim::SourceItem link(std::u16string name, std::u16string target, uint32_t depth = 1) {
+    auto i = listed(hostsim::SourceItem::Kind::Link, std::move(name), depth);
+    i.linkTarget = std::move(target);
+    return i;
+}
 inline hostsim::SourceItem end_of(uint32_t depth) {
     return hostsim::SourceItem::end_of_level(depth);
 }

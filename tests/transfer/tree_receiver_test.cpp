@@ -3,17 +3,14 @@
 // the destination, through openat2 and through the walk that stands in for it.
 #include "transfer/tree_receiver.h"
 
+#include <CoreServices/CoreServices.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <CoreServices/CoreServices.h>
-
-#include <algorithm>
 #include <cerrno>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "support/fault_scope.h"
@@ -25,42 +22,30 @@
 namespace {
 
 using namespace qvx;
+using namespace qvxtest;
 using hostsim::SourceItem;
 using hostsim::SourcePolicy;
 using platform::Sys;
-using qvxtest::end_of;
-using qvxtest::file_item;
-using qvxtest::folder_item;
-using qvxtest::link_item;
-using qvxtest::Request;
-using qvxtest::SourceHost;
-using qvxtest::TempDir;
-using Items = std::vector<SourceItem>;
+using Notices = std::vector<std::tuple<uint32_t, uint32_t, std::u16string>>;
+
+const Notices kFailedOnly{{4u, 12u, u""}};
+const SourcePolicy kReplaceOrSkip{101, 102};
+const SourcePolicy kSkipExisting{102, 0};
 
 bool exists(const std::string& path) {
     struct stat st {};
     return ::lstat(path.c_str(), &st) == 0;
 }
 
-std::tuple<uint32_t, uint32_t, std::u16string> notice_of(const Request& r) {
-    std::u16string text;
-    for (size_t at = 32; le::get16(r.bytes.data(), at) != 0; at += 2)
-        text.push_back(static_cast<char16_t>(le::get16(r.bytes.data(), at)));
-    return {le::get32(r.bytes.data(), 28), le::get32(r.bytes.data(), 2080), text};
+uint64_t ticks(time_t unixSeconds) {
+    return kTicks1601To1970 + static_cast<uint64_t>(unixSeconds) * kTicksPerSecond;
 }
 
-// The notices sent, in order, without the per-item (1, 0) and progress (5, 0) ones.
-std::vector<std::tuple<uint32_t, uint32_t, std::u16string>> questions(const SourceHost& host) {
-    std::vector<std::tuple<uint32_t, uint32_t, std::u16string>> out;
-    for (const Request* r : host.of(263)) {
-        auto n = notice_of(*r);
-        if (std::get<0>(n) != 1 && std::get<0>(n) != 5) out.push_back(n);
-    }
+std::vector<uint32_t> u32s_at(const std::vector<const Request*>& requests, size_t offset) {
+    std::vector<uint32_t> out;
+    for (const Request* r : requests) out.push_back(le::get32(r->bytes.data(), offset));
     return out;
 }
-
-using Notices = std::vector<std::tuple<uint32_t, uint32_t, std::u16string>>;
-const auto kFailed = std::make_tuple(4u, 12u, std::u16string());
 
 // Each test runs with the kernel's openat2 and again with the component walk.
 class Receiver : public ::testing::TestWithParam<bool> {
@@ -73,87 +58,62 @@ class Receiver : public ::testing::TestWithParam<bool> {
             };
             m_faults.install();
         }
-        qvxtest::write_file(m_dir / "outside/keep", "keep");
-        qvxtest::make_dirs(dest());
+        write_file(m_dir / "outside/keep", "keep");
+        make_dirs(m_dir / "dest");
     }
-    std::string dest() const { return m_dir / "dest"; }
-    std::string at(const std::string& relative) const { return dest() + "/" + relative; }
-    uint32_t receive(SourceHost& host) { return receive_tree(host.context(), dest()); }
-    // Nothing beside the destination was created, changed or removed.
+    std::string at(const std::string& relative) const { return m_dir / ("dest/" + relative); }
+    uint32_t receive(SourceHost& host) { return receive_tree(host.context(), m_dir / "dest"); }
     void expect_outside_untouched() {
-        EXPECT_EQ(qvxtest::read_file(m_dir / "outside/keep"), "keep");
-        for (const char* n : {"x", "outside/x", "outside/d"}) {
-            EXPECT_FALSE(exists(m_dir / n)) << n;
-        }
+        EXPECT_EQ(read_file(m_dir / "outside/keep"), "keep");
+        for (const char* n : {"x", "d", "outside/x", "outside/d"}) EXPECT_FALSE(exists(m_dir / n));
     }
 
-    qvxtest::FaultScope m_faults;
+    FaultScope m_faults;
     TempDir m_dir;
 };
 
-TEST_P(Receiver, NestedFileLandsInItsFolderWithEveryMessageInOrder) {
-    SourceHost host(
-        {folder_item(u"\\dir"), file_item(u"\\dir\\a.txt", "hello", 2), end_of(2), end_of(1)});
+TEST_P(Receiver, FilesAndFoldersArriveWithEveryMessageInOrder) {
+    SourceItem empty = file(u"\\empty", "");
+    empty.modificationTime = ticks(1'000'000'000) + 1234;
+    std::string big(300000, '\0');
+    for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>(i * 7 + i / 1000);
+    SourceHost host({folder(u"\\dir"), file(u"\\dir\\a.txt", "hello", 2), end_of(2), empty,
+                     file(u"\\big", big), end_of(1)});
     EXPECT_EQ(receive(host), kTransferDone);
-    EXPECT_EQ(qvxtest::read_file(at("dir/a.txt")), "hello");
-    EXPECT_EQ(host.commands(), (std::vector<uint32_t>{272, 263, 769,                      // \dir
-                                                      272, 263, 769, 266, 268, 263, 267,  // a.txt
-                                                      272, 272}));
-    for (const Request& r : host.sent) {
-        EXPECT_EQ(r.bytes.size(), dnd::kMessageSize);
-        EXPECT_EQ(le::get64(r.bytes.data(), 12), qvxtest::ScriptedHost::kWorker);
-    }
-    EXPECT_EQ(notice_of(host.sent[1]), std::make_tuple(1u, 0u, std::u16string(u"\\dir")));
-    EXPECT_EQ(le::get32(host.sent[6].bytes.data(), 28), 0u) << "the receiver's 266 carries 0";
-    EXPECT_EQ(le::get32(host.sent[7].bytes.data(), 2128), 5u);
-    EXPECT_EQ(host.sent[7].replySize, dnd::kMessageSize + 5);
-    EXPECT_EQ(notice_of(host.sent[8]), std::make_tuple(5u, 0u, std::u16string(u"\\dir\\a.txt")));
-}
-
-TEST_P(Receiver, EmptyFileHasNoDataRequestAndGetsItsTimes) {
-    SourceItem empty = file_item(u"\\empty", "");
-    empty.modificationTime = kTicks1601To1970 + 1'000'000'000ull * kTicksPerSecond + 1234;
-    empty.accessTime = kTicks1601To1970 + 999'999'999ull * kTicksPerSecond;
-    SourceHost host({empty, end_of(1)});
-    EXPECT_EQ(receive(host), kTransferDone);
-    EXPECT_EQ(host.commands(), (std::vector<uint32_t>{272, 263, 769, 266, 267, 272}));
+    EXPECT_EQ(read_file(at("dir/a.txt")), "hello");
+    EXPECT_EQ(read_file(at("big")), big);
+    const std::vector<uint32_t> big_file{272, 263, 769, 266, 268, 263, 268, 263, 268, 263, 267};
+    std::vector<uint32_t> expected{272, 263, 769,                      // \dir
+                                   272, 263, 769, 266, 268, 263, 267,  // \dir\a.txt
+                                   272,                                // end of \dir
+                                   272, 263, 769, 266, 267};           // \empty: no 268
+    expected.insert(expected.end(), big_file.begin(), big_file.end());
+    expected.push_back(272);
+    EXPECT_EQ(host.commands(), expected);
+    // Whole chunks, each received into a buffer of exactly its size, each followed by progress.
+    EXPECT_EQ(u32s_at(host.of(268), 2128), (std::vector<uint32_t>{5, 131072, 131072, 37856}));
+    EXPECT_EQ(host.of(268).back()->replySize, dnd::kMessageSize + 37856);
+    EXPECT_EQ(host.source->notices()[2].dialogId, 5u);
+    EXPECT_EQ(host.source->notices()[2].text, u"\\dir\\a.txt");
+    EXPECT_EQ(u32s_at(host.of(266), 28), (std::vector<uint32_t>{0, 0, 0}));
     struct stat st {};
     ASSERT_EQ(::lstat(at("empty").c_str(), &st), 0);
-    EXPECT_EQ(st.st_size, 0);
-    EXPECT_EQ(st.st_mtim.tv_sec, 1'000'000'000);
-    EXPECT_EQ(st.st_atim.tv_sec, 999'999'999);
-}
-
-TEST_P(Receiver, LargeFileComesInWholeChunksEachFollowedByProgress) {
-    std::string data(300000, '\0');
-    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i * 7 + i / 1000);
-    SourceHost host({file_item(u"\\big", data), end_of(1)});
-    EXPECT_EQ(receive(host), kTransferDone);
-    EXPECT_EQ(qvxtest::read_file(at("big")), data);
-    std::vector<uint32_t> chunks;
-    for (size_t i = 0; i < host.sent.size(); ++i) {
-        if (host.sent[i].command() != 268) continue;
-        chunks.push_back(le::get32(host.sent[i].bytes.data(), 2128));
-        ASSERT_LT(i + 1, host.sent.size());
-        EXPECT_EQ(notice_of(host.sent[i + 1]), std::make_tuple(5u, 0u, std::u16string(u"\\big")));
-    }
-    EXPECT_EQ(chunks, (std::vector<uint32_t>{131072, 131072, 37856}));
+    EXPECT_EQ(st.st_mtim.tv_sec, 1'000'000'000) << "an empty file gets its times too";
 }
 
 TEST_P(Receiver, LinkTargetBufferDoublesAndStopsAtItsLimit) {
     std::u16string target;
-    for (int i = 0; i < 1000; ++i) target += u"ab\\";  // 3000 units: 6000 bytes
-    SourceHost host({link_item(u"\\L", target), end_of(1)});
+    for (int i = 0; i < 1000; ++i) target += u"ab\\";  // 6000 bytes: two 13s
+    SourceHost host({link(u"\\L", target), end_of(1)});
     EXPECT_EQ(receive(host), kTransferDone);
     std::vector<size_t> sizes;
     for (const Request* r : host.of(769)) sizes.push_back(r->replySize);
     EXPECT_EQ(sizes, (std::vector<size_t>{2452, 4904, 9808}));
-    char stored[8192] = {};
-    ASSERT_EQ(::readlink(at("L").c_str(), stored, sizeof stored - 1), 3000);
+    char stored[4096] = {};
+    ASSERT_EQ(::readlink(at("L").c_str(), stored, sizeof stored), 3000);
     EXPECT_EQ(std::string(stored, 6), "ab/ab/");
 
-    // A host that never has enough room is given up on at 64 KiB of target.
-    SourceHost greedy({link_item(u"\\M", u"t"), end_of(1)});
+    SourceHost greedy({link(u"\\M", u"t"), end_of(1)});
     greedy.source->set_override([](hostsim::Exchange& ex, const SourceItem*) {
         return ex.command == 769 ? std::optional<uint32_t>(13) : std::nullopt;
     });
@@ -161,287 +121,213 @@ TEST_P(Receiver, LinkTargetBufferDoublesAndStopsAtItsLimit) {
     sizes.clear();
     for (const Request* r : greedy.of(769)) sizes.push_back(r->replySize);
     EXPECT_EQ(sizes, (std::vector<size_t>{2452, 4904, 9808, 19616, 39232, 67732}));
-    EXPECT_EQ(questions(greedy), Notices{kFailed});
+    EXPECT_EQ(greedy.questions(), kFailedOnly);
     EXPECT_FALSE(exists(at("M")));
 }
 
-TEST_P(Receiver, ExistingFileIsKeptOrReplacedAsTheHostAnswers) {
-    qvxtest::write_file(at("f"), "old");
-    SourceHost skip({file_item(u"\\f", "new"), end_of(1)}, SourcePolicy{102, 0});
-    EXPECT_EQ(receive(skip), kTransferDone);
-    EXPECT_EQ(qvxtest::read_file(at("f")), "old");
-    EXPECT_TRUE(skip.of(266).empty());
-    EXPECT_EQ(questions(skip), (Notices{{2u, 0u, u"\\f"}}));
-
-    SourceHost replace({file_item(u"\\f", "new"), end_of(1)}, SourcePolicy{101, 0});
-    EXPECT_EQ(receive(replace), kTransferDone);
-    EXPECT_EQ(qvxtest::read_file(at("f")), "new");
-
-    // A folder in the way of a file cannot be unlinked: the receive ends.
-    qvxtest::make_dirs(at("d/inner"));
-    SourceHost blocked({file_item(u"\\d", "x"), end_of(1)}, SourcePolicy{101, 0});
-    EXPECT_EQ(receive(blocked), kTransferFailed);
-    EXPECT_EQ(questions(blocked), (Notices{{2u, 0u, u"\\d"}, {4u, 6u, u"\\d"}}));
-    EXPECT_TRUE(exists(at("d/inner")));
-}
-
-TEST_P(Receiver, ExistingFolderIsReplacedWholeOrSkippedWithItsItems) {
-    qvxtest::write_file(at("d/old.txt"), "old");
+TEST_P(Receiver, ExistingItemsAreKeptReplacedOrBlockTheReceive) {
+    write_file(at("f"), "old");
+    write_file(at("d/old.txt"), "old");
     ASSERT_EQ(::symlink((m_dir / "outside").c_str(), at("d/out").c_str()), 0);
-    const Items listing{folder_item(u"\\d"), file_item(u"\\d\\new.txt", "new", 2), end_of(2),
-                        file_item(u"\\after", "after"), end_of(1)};
-
-    SourceHost skip(listing, SourcePolicy{102, 0});
-    EXPECT_EQ(receive(skip), kTransferDone);
-    EXPECT_EQ(skip.of(274).size(), 1u);
+    const std::vector<SourceItem> listing{
+        file(u"\\f", "new"),       folder(u"\\d"), file(u"\\d\\new.txt", "new", 2), end_of(2),
+        file(u"\\after", "after"), end_of(1)};
+    SourceHost keep(listing, kSkipExisting);
+    EXPECT_EQ(receive(keep), kTransferDone);
+    EXPECT_EQ(read_file(at("f")), "old");
     EXPECT_TRUE(exists(at("d/old.txt")));
-    EXPECT_FALSE(exists(at("d/new.txt")));
-    EXPECT_EQ(qvxtest::read_file(at("after")), "after") << "the level goes on after the skip";
+    EXPECT_FALSE(exists(at("d/new.txt"))) << "the host left out the skipped folder's items";
+    EXPECT_EQ(read_file(at("after")), "after");
+    EXPECT_EQ(keep.of(266).size(), 1u);
+    EXPECT_EQ(keep.of(274).size(), 1u);
+    EXPECT_EQ(keep.questions(), (Notices{{2u, 0u, u"\\f"}, {2u, 0u, u"\\d"}}));
 
-    SourceHost replace(listing, SourcePolicy{101, 0});
+    SourceHost replace(listing, kReplaceOrSkip);
     EXPECT_EQ(receive(replace), kTransferDone);
+    EXPECT_EQ(read_file(at("f")), "new");
     EXPECT_FALSE(exists(at("d/old.txt")));
-    EXPECT_FALSE(exists(at("d/out")));
-    EXPECT_EQ(qvxtest::read_file(at("d/new.txt")), "new");
+    EXPECT_FALSE(exists(at("d/out"))) << "the link in the old folder went as a link";
+    EXPECT_EQ(read_file(at("d/new.txt")), "new");
     expect_outside_untouched();
 
-    // A regular file in the way of a folder cannot be removed as a folder.
-    qvxtest::write_file(at("plain"), "p");
-    SourceHost blocked({folder_item(u"\\plain"), end_of(2), end_of(1)}, SourcePolicy{101, 0});
-    EXPECT_EQ(receive(blocked), kTransferFailed);
-    EXPECT_EQ(questions(blocked), (Notices{{2u, 0u, u"\\plain"}, {4u, 6u, u"\\plain"}}));
+    // A folder cannot be unlinked as a file, nor a file removed as a folder.
+    for (SourceItem blocker : {file(u"\\d", "x"), folder(u"\\f")}) {
+        SourceHost blocked({blocker, end_of(2), end_of(1)}, kReplaceOrSkip);
+        EXPECT_EQ(receive(blocked), kTransferFailed);
+        EXPECT_EQ(blocked.questions(), (Notices{{2u, 0u, blocker.name}, {4u, 6u, blocker.name}}));
+    }
+    EXPECT_TRUE(exists(at("d/new.txt")));
 }
 
-TEST_P(Receiver, FolderMarkedNotToBeCreatedIsSkippedOrStops) {
-    SourceItem marked = folder_item(u"\\m");
+TEST_P(Receiver, FolderMarkedNotToBeCreatedIsNeverCreated) {
+    SourceItem marked = folder(u"\\m");
     marked.attributes |= 0x20000;
-    const Items listing{marked, file_item(u"\\m\\x", "x", 2), end_of(2), end_of(1)};
-    SourceHost skip(listing, SourcePolicy{101, 102});
-    EXPECT_EQ(receive(skip), kTransferDone);
-    EXPECT_FALSE(exists(at("m")));
-    EXPECT_EQ(questions(skip), (Notices{{3u, 3u, u"\\m"}}));
-    EXPECT_EQ(skip.of(274).size(), 1u);
-
-    SourceHost stop(listing, SourcePolicy{101, 0});
-    EXPECT_EQ(receive(stop), kTransferFailed);
-    EXPECT_FALSE(exists(at("m")));
-    EXPECT_TRUE(stop.of(274).empty());
+    for (const SourcePolicy& policy : {kReplaceOrSkip, SourcePolicy{}}) {
+        SourceHost host({marked, file(u"\\m\\x", "x", 2), end_of(2), end_of(1)}, policy);
+        EXPECT_EQ(receive(host), policy.onFailure == 102 ? kTransferDone : kTransferFailed);
+        EXPECT_EQ(host.questions(), (Notices{{3u, 3u, u"\\m"}}));
+        EXPECT_EQ(host.of(274).size(), policy.onFailure == 102 ? 1u : 0u);
+        EXPECT_FALSE(exists(at("m")));
+    }
 }
 
-// The catalog calls the receiver makes, in order, as the system calls they come down to.
-std::vector<std::string> g_metadataCalls;
-
-TEST_P(Receiver, ItemsGetTheirTimesModeAndLockTheLockLast) {
-    const uint64_t t1 = kTicks1601To1970 + 1'500'000'000ull * kTicksPerSecond;
-    const uint64_t t2 = kTicks1601To1970 + 1'600'000'000ull * kTicksPerSecond;
-    SourceItem locked = file_item(u"\\locked", "l");
+TEST_P(Receiver, ItemsGetTimesModeAndLockTheLockLastAndNeverThroughALink) {
+    SourceItem locked = file(u"\\locked", "l");
     locked.attributes = kAttrLocked;
     locked.mode = 0100604;
-    locked.creationTime = t1;
-    locked.modificationTime = t2;
-    SourceItem folder = folder_item(u"\\d");
-    folder.mode = 040711;
-    folder.modificationTime = t1;
-    SourceItem link = link_item(u"\\L", qvx::Utf8ToUtf16(m_dir / "outside/keep"));
-    link.modificationTime = t1;
-    struct stat before {};
-    ASSERT_EQ(::stat((m_dir / "outside/keep").c_str(), &before), 0);
-
+    locked.creationTime = ticks(1'500'000'000);
+    locked.modificationTime = ticks(1'600'000'000);
+    SourceItem dir = folder(u"\\d");
+    dir.mode = 040711;
+    dir.modificationTime = ticks(1'500'000'000);
+    SourceItem outward = link(u"\\L", Utf8ToUtf16(m_dir / "outside/keep"));
+    outward.modificationTime = ticks(1'500'000'000);
+    struct stat keep {};
+    ASSERT_EQ(::stat((m_dir / "outside/keep").c_str(), &keep), 0);
+    // The lock is the last metadata call: nothing may try to change a locked item.
+    static std::string g_last;
     m_faults.table().utimensat = [](int d, const char* n, const struct timespec t[2], int f) {
-        g_metadataCalls.push_back("times");
+        g_last = "times";
         return platform::real_syscalls()->utimensat(d, n, t, f);
     };
-    m_faults.table().fchmodat = [](int d, const char* n, mode_t m, int f) {
-        g_metadataCalls.push_back("mode");
-        return platform::real_syscalls()->fchmodat(d, n, m, f);
-    };
     m_faults.table().setxattr = [](const char* p, const char* n, const void* v, size_t s, int f) {
-        g_metadataCalls.push_back(n);
+        g_last = n;
         return platform::real_syscalls()->setxattr(p, n, v, s, f);
     };
     m_faults.install();
-    g_metadataCalls.clear();
-    SourceHost host({link, folder, end_of(2), locked, end_of(1)});
+    SourceHost host({outward, dir, end_of(2), locked, end_of(1)});
     EXPECT_EQ(receive(host), kTransferDone);
+    EXPECT_EQ(g_last, "user.quorvex.nodeflags");
 
     struct stat st {};
     ASSERT_EQ(::lstat(at("locked").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0604u);
-    EXPECT_EQ(st.st_mtim.tv_sec, 1'600'000'000);
+    EXPECT_EQ(std::tuple(st.st_mode & 07777, st.st_mtim.tv_sec), std::tuple(0604u, 1'600'000'000));
     ASSERT_EQ(::lstat(at("d").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0711u);
-    EXPECT_EQ(st.st_mtim.tv_sec, 1'500'000'000);
+    EXPECT_EQ(std::tuple(st.st_mode & 07777, st.st_mtim.tv_sec), std::tuple(0711u, 1'500'000'000));
     ASSERT_EQ(::lstat(at("L").c_str(), &st), 0);
-    EXPECT_TRUE(S_ISLNK(st.st_mode));
     EXPECT_EQ(st.st_mtim.tv_sec, 1'500'000'000) << "the link itself has the times";
     ASSERT_EQ(::stat((m_dir / "outside/keep").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mtim.tv_sec, before.st_mtim.tv_sec) << "not what it points to";
-
+    EXPECT_EQ(st.st_mtim.tv_sec, keep.st_mtim.tv_sec) << "not what it names";
     FSRef ref;
     FSCatalogInfo info{};
-    ASSERT_EQ(FSPathMakeRefWithOptions(reinterpret_cast<const UInt8*>(at("locked").c_str()),
-                                       kFSPathMakeRefDoNotFollowLeafSymlink, &ref, nullptr),
+    ASSERT_EQ(FSPathMakeRefWithOptions(reinterpret_cast<const UInt8*>(at("locked").c_str()), 0,
+                                       &ref, nullptr),
               noErr);
     ASSERT_EQ(FSGetCatalogInfo(&ref, kFSCatInfoNodeFlags | kFSCatInfoCreateDate, &info, nullptr,
                                nullptr, nullptr),
               noErr);
     EXPECT_EQ(info.nodeFlags & kFSNodeLockedMask, kFSNodeLockedMask);
-    EXPECT_EQ(info.createDate.lowSeconds, ticks_to_catalog_seconds(t1));
-    ASSERT_FALSE(g_metadataCalls.empty());
-    EXPECT_EQ(g_metadataCalls.back(), "user.quorvex.nodeflags");
-    const auto lock = std::find(g_metadataCalls.begin(), g_metadataCalls.end(),
-                                std::string("user.quorvex.nodeflags"));
-    EXPECT_EQ(lock + 1, g_metadataCalls.end()) << "set once, after everything else";
+    const UInt32 created = info.createDate.lowSeconds;  // a packed field: copied, not bound
+    EXPECT_EQ(created, ticks_to_catalog_seconds(locked.creationTime));
 }
 
-TEST_P(Receiver, FailedWriteRemovesThePartialFile) {
-    SourceHost host(
-        {file_item(u"\\big", std::string(300000, 'x')), file_item(u"\\next", "n"), end_of(1)},
-        SourcePolicy{101, 102});
+TEST_P(Receiver, FailedCreationsAndWritesAreReportedAndLeaveNoPartialFile) {
+    const SourceItem big = file(u"\\big", std::string(300000, 'x'));
+    SourceHost skipped({big, file(u"\\next", "n"), end_of(1)}, kReplaceOrSkip);
     platform::fault_inject(Sys::write, 2, ENOSPC);
-    EXPECT_EQ(receive(host), kTransferDone) << "the host skipped the file";
+    EXPECT_EQ(receive(skipped), kTransferDone);
     EXPECT_FALSE(exists(at("big")));
-    EXPECT_EQ(qvxtest::read_file(at("next")), "n");
-    EXPECT_EQ(questions(host), (Notices{{3u, 5u, u"\\big"}}));
-    EXPECT_EQ(host.of(268).size(), 3u) << "two for the big file, one for the next";
-    EXPECT_EQ(host.of(267).size(), 2u);
+    EXPECT_EQ(read_file(at("next")), "n");
+    EXPECT_EQ(skipped.questions(), (Notices{{3u, 5u, u"\\big"}}));
+    EXPECT_EQ(skipped.of(267).size(), 2u);
 
-    // A host that stops on the failure ends the receive; the partial file goes all the same.
-    SourceHost stops({file_item(u"\\big", std::string(300000, 'x')), end_of(1)});
+    SourceHost stopped({big, end_of(1)});
     platform::fault_inject(Sys::write, 2, EIO);
-    EXPECT_EQ(receive(stops), kTransferFailed);
+    EXPECT_EQ(receive(stopped), kTransferFailed);
     EXPECT_FALSE(exists(at("big")));
-}
 
-TEST_P(Receiver, AccessDeniedEndsTheReceiveWithoutAskingTheHost) {
-    SourceHost file({file_item(u"\\f", "x"), end_of(1)}, SourcePolicy{101, 102});
-    // Only creating is refused: the folders on the way stay open to us.
+    // Lack of access ends the receive without asking the host; other failures ask.
+    platform::fault_inject(Sys::mkdirat, 1, EACCES);
+    SourceHost denied({folder(u"\\d"), end_of(2), end_of(1)}, kReplaceOrSkip);
+    EXPECT_EQ(receive(denied), kTransferFailed);
+    EXPECT_EQ(denied.questions(), (Notices{{4u, 11u, u"\\d"}}));
+    platform::fault_inject(Sys::mkdirat, 1, EIO);
+    SourceHost asked({folder(u"\\d"), end_of(2), end_of(1)}, kReplaceOrSkip);
+    EXPECT_EQ(receive(asked), kTransferDone);
+    EXPECT_EQ(asked.questions(), (Notices{{3u, 2u, u"\\d"}}));
+    EXPECT_FALSE(exists(at("d")));
     m_faults.table().openat = [](int dirFd, const char* name, int flags, mode_t mode) {
-        if (flags & O_CREAT) {
-            errno = EACCES;
-            return -1;
-        }
-        return platform::real_syscalls()->openat(dirFd, name, flags, mode);
+        if (!(flags & O_CREAT)) return platform::real_syscalls()->openat(dirFd, name, flags, mode);
+        errno = EACCES;
+        return -1;
     };
     m_faults.install();
-    EXPECT_EQ(receive(file), kTransferFailed);
-    EXPECT_EQ(questions(file), (Notices{{4u, 11u, u"\\f"}}));
-    EXPECT_EQ(file.commands().back(), 267u);
-
-    m_faults.table().openat = platform::real_syscalls()->openat;
-    m_faults.install();
-    SourceHost folder({folder_item(u"\\d"), end_of(2), end_of(1)}, SourcePolicy{101, 102});
-    platform::fault_inject(Sys::mkdirat, 1, EACCES);
-    EXPECT_EQ(receive(folder), kTransferFailed);
-    EXPECT_EQ(questions(folder), (Notices{{4u, 11u, u"\\d"}}));
-    EXPECT_FALSE(exists(at("d")));
-
-    // Any other failure asks the host, which may skip the folder.
-    platform::fault_inject(Sys::mkdirat, 1, EIO);
-    SourceHost other({folder_item(u"\\d"), end_of(2), end_of(1)}, SourcePolicy{101, 102});
-    EXPECT_EQ(receive(other), kTransferDone);
-    EXPECT_EQ(questions(other), (Notices{{3u, 2u, u"\\d"}}));
-    EXPECT_EQ(other.of(274).size(), 1u);
+    SourceHost deniedFile({file(u"\\f", "x"), end_of(1)}, kReplaceOrSkip);
+    EXPECT_EQ(receive(deniedFile), kTransferFailed);
+    EXPECT_EQ(deniedFile.questions(), (Notices{{4u, 11u, u"\\f"}}));
+    EXPECT_EQ(deniedFile.commands().back(), 267u);
 }
 
-TEST_P(Receiver, NamesThatClimbOutEndTheReceiveBeforeAnythingIsCreated) {
-    for (const std::u16string& name :
-         {std::u16string(u"\\..\\x"), std::u16string(u"\\a\\..\\..\\x"), std::u16string(u"\\a\\.."),
-          std::u16string(u"\\.\\x"), std::u16string(u"\\a\\\\x"), std::u16string(u"\\")}) {
-        SourceHost host({folder_item(u"\\a"), file_item(name, "x", 2), end_of(2), end_of(1)});
-        EXPECT_EQ(receive(host), kTransferFailed);
-        EXPECT_EQ(questions(host), Notices{kFailed});
+TEST_P(Receiver, NothingIsCreatedOutsideWhateverTheNamesAndLinks) {
+    const std::u16string out = Utf8ToUtf16(m_dir / "outside");
+    std::vector<std::vector<SourceItem>> attacks;
+    for (const char16_t* name : {u"\\..\\x", u"\\a\\..\\..\\x", u"\\a\\..", u"\\.\\x", u"\\a\\\\x"})
+        attacks.push_back({folder(u"\\a"), file(name, "x", 2), end_of(2), end_of(1)});
+    // Outward, upward, the root, and the destination itself: no link is passed.
+    for (const std::u16string& target :
+         {out, std::u16string(u"..\\outside"), std::u16string(u"\\"), std::u16string(u".")})
+        for (const char16_t* through : {u"\\L\\x", u"\\L\\d\\x"})
+            attacks.push_back({link(u"\\L", target), file(through, "x"), end_of(1)});
+    attacks.push_back({link(u"\\L", out), folder(u"\\L\\d"), end_of(2), end_of(1)});
+    for (auto& listing : attacks) {
+        SourceHost host(listing);
+        EXPECT_EQ(receive(host), kTransferFailed) << listing[1].name.size();
+        EXPECT_EQ(host.questions(), kFailedOnly);
         EXPECT_TRUE(host.of(266).empty());
         expect_outside_untouched();
-        ASSERT_EQ(::rmdir(at("a").c_str()), 0) << "only the folder before it was created";
+        // Only the item before the attack was created: the folder, or the link as it came.
+        ASSERT_EQ(::remove(at(exists(at("a")) ? "a" : "L").c_str()), 0);
     }
-}
-
-TEST_P(Receiver, NoItemPassesThroughALinkAnEarlierItemCreated) {
-    const std::u16string outside = qvx::Utf8ToUtf16(m_dir / "outside");
-    for (const std::u16string& target :
-         {outside, std::u16string(u"..\\outside"), std::u16string(u"\\")}) {
-        for (const SourceItem& through :
-             {file_item(u"\\L\\x", "x"), folder_item(u"\\L\\d"), file_item(u"\\L\\d\\x", "x")}) {
-            SourceHost host({link_item(u"\\L", target), through, end_of(2), end_of(1)});
-            EXPECT_EQ(receive(host), kTransferFailed);
-            EXPECT_EQ(questions(host), Notices{kFailed});
-            EXPECT_TRUE(host.of(266).empty());
-            expect_outside_untouched();
-            ASSERT_EQ(::unlink(at("L").c_str()), 0) << "the link is stored as it came";
-        }
-    }
-}
-
-TEST_P(Receiver, DataRepliesClaimingAnotherLengthAreRefused) {
-    SourceHost host({file_item(u"\\f", std::string(1000, 'd')), end_of(1)});
-    host.source->set_override(
-        [](hostsim::Exchange& ex, const SourceItem*) -> std::optional<uint32_t> {
-            if (ex.command != 268) return std::nullopt;
-            le::put32(ex.reply.data(), 2128, 1001);
-            return 0u;
-        });
-    EXPECT_EQ(receive(host), kTransferFailed);
-    EXPECT_EQ(questions(host), Notices{kFailed});
-    EXPECT_FALSE(exists(at("f")));
 }
 
 INSTANTIATE_TEST_SUITE_P(Kernel, Receiver, ::testing::Values(false, true),
                          [](const auto& info) { return info.param ? "Walk" : "Openat2"; });
 
 // Replies the record readers reject end the receive with one notice; the host's own stop
-// statuses end it without one. Resolution plays no part, so these run once.
+// statuses end it without one. How names are resolved plays no part, so these run once.
 TEST(ReceiverReplies, MalformedOnesEndTheReceiveWithOneNotice) {
     TempDir dir;
     const auto run = [&](SourceHost& host) { return receive_tree(host.context(), dir.path()); };
     for (uint32_t length : {1024u, 0xFFFFFFFFu, 5u, 2u}) {
-        SourceItem item = file_item(u"\\abc", "x");
-        item.nameLength = length;  // past the field, past the units, or short of the NUL
-        SourceHost host({item, end_of(1)});
+        SourceItem bad = file(u"\\abc", "x");
+        bad.nameLength = length;  // past the field, past the units, or short of the NUL
+        SourceHost host({bad, end_of(1)});
         EXPECT_EQ(run(host), kTransferFailed) << length;
-        EXPECT_EQ(questions(host), Notices{kFailed}) << length;
         EXPECT_EQ(host.commands(), (std::vector<uint32_t>{272, 263})) << length;
     }
-    for (uint32_t dataLength : {3u, 258u, 0xFFFFFFFEu}) {
-        SourceHost host({link_item(u"\\L", u"t"), end_of(1)});
-        host.source->set_override([dataLength](hostsim::Exchange& ex, const SourceItem*) {
-            if (ex.command != 769) return std::optional<uint32_t>();
-            le::put32(ex.reply.data(), 2128, dataLength);
+    // A link target odd in length or past the reply, a chunk claiming another length.
+    for (auto [command, claim] :
+         {std::pair(769u, 3u), std::pair(769u, 300u), std::pair(268u, 2u)}) {
+        SourceHost host({link(u"\\L", u"t"), file(u"\\f", "x"), end_of(1)});
+        host.source->set_override([command, claim](hostsim::Exchange& ex, const SourceItem*) {
+            if (ex.command != command) return std::optional<uint32_t>();
+            le::put32(ex.reply.data(), 2128, claim);
             return std::optional<uint32_t>(0);
         });
-        EXPECT_EQ(run(host), kTransferFailed) << dataLength;
-        EXPECT_EQ(questions(host), Notices{kFailed}) << dataLength;
+        EXPECT_EQ(run(host), kTransferFailed) << command;
+        EXPECT_EQ(host.questions(), kFailedOnly) << command;
+        EXPECT_FALSE(exists(dir / "f"));
     }
     for (uint32_t status : {5u, 9u, 100u}) {
-        SourceHost host({file_item(u"\\f", "x"), end_of(1)});
+        SourceHost host({file(u"\\f", "x"), end_of(1)});
         host.source->set_override([status](hostsim::Exchange& ex, const SourceItem*) {
             return ex.command == 272 ? std::optional<uint32_t>(status) : std::nullopt;
         });
         EXPECT_EQ(run(host), kTransferFailed);
-        EXPECT_EQ(questions(host), status == 5 ? Notices{kFailed} : Notices{}) << status;
+        EXPECT_EQ(host.questions(), status == 5 ? kFailedOnly : Notices{}) << status;
     }
-    // The longest name that fits is taken; its folders are missing, so the host is asked.
-    std::u16string longest;
-    for (int i = 0; i < 4; ++i) longest += u"\\" + std::u16string(254, u'a' + i);
-    longest += u"\\ab";
-    ASSERT_EQ(longest.size(), 1023u);
-    SourceHost host({file_item(longest, "x"), end_of(1)}, SourcePolicy{101, 102});
-    EXPECT_EQ(run(host), kTransferDone);
-    EXPECT_EQ(questions(host), (Notices{{3u, 3u, longest}}));
 }
 
-// How names are resolved plays no part here, so this runs once.
-TEST(ReceiverLevels, TreesDeeperThanAnyNameCanDescribeAreRefused) {
+TEST(ReceiverReplies, TreesDeeperThanAnyNameCanDescribeAreRefused) {
+    // Names are relative to the destination, so levels can nest while names do not.
     TempDir dir;
-    // Names are relative to the destination, so a host can nest levels with names that
-    // do not nest; only the level count can end it.
-    Items listing;
+    std::vector<SourceItem> listing;
     for (uint32_t depth = 1; depth <= kMaxLevels + 10; ++depth)
-        listing.push_back(folder_item(u"\\" + qvx::Utf8ToUtf16(std::to_string(depth)), depth));
-    SourceHost host(std::move(listing), SourcePolicy{101, 0});
+        listing.push_back(folder(u"\\" + Utf8ToUtf16(std::to_string(depth)), depth));
+    SourceHost host(std::move(listing), kReplaceOrSkip);
     EXPECT_EQ(receive_tree(host.context(), dir.path()), kTransferFailed);
     EXPECT_EQ(host.of(272).size(), kMaxLevels + 1);
-    EXPECT_EQ(questions(host).back(), kFailed);
+    EXPECT_EQ(host.questions(), kFailedOnly);
 }
 
 TEST(ItemNames, SplitIntoCheckedComponents) {
@@ -450,29 +336,24 @@ TEST(ItemNames, SplitIntoCheckedComponents) {
     EXPECT_EQ(std::tuple(n.relative, std::string(n.folder()), std::string(n.leaf())),
               std::tuple(std::string("dir/a.txt"), std::string("dir"), std::string("a.txt")));
     ASSERT_TRUE(parse_item_name(u"top", n)) << "a missing leading separator is tolerated";
-    EXPECT_EQ(std::tuple(n.relative, std::string(n.folder())),
-              std::tuple(std::string("top"), std::string()));
+    EXPECT_EQ(std::tuple(n.relative, n.leafAt), std::tuple(std::string("top"), size_t{0}));
     ASSERT_TRUE(parse_item_name(u"/a/b\\c\u00e9", n));
     EXPECT_EQ(n.relative, "a/b/ce\xcc\x81") << "form D on arrival";
-    ASSERT_TRUE(parse_item_name(u"\\..a\\b..\\...", n));
-    EXPECT_EQ(n.relative, "..a/b../...");
-    ASSERT_TRUE(parse_item_name(u"\\" + std::u16string(255, u'x'), n));
+    EXPECT_TRUE(parse_item_name(u"\\..a\\b..\\...\\" + std::u16string(255, u'x'), n));
 
     const std::u16string bad[] = {
         u"",
         u"\\",
         u"\\\\a",
         u"\\a\\",
-        u"\\a\\\\b",
         u"\\.",
         u"\\a\\.\\b",
-        u"\\..",
         u"..\\a",
         u"\\a\\..",
         std::u16string(u"\\a\0b", 4),
         u"\\" + std::u16string(256, u'x'),
         u"\\" + std::u16string(86, u'\u00e9'),  // 258 bytes once decomposed
-        std::u16string(1, u'\xd800'),           // no text
+        std::u16string(1, u'\xd800'),
         u"\\" + std::u16string(1023, u'x'),
     };
     for (const auto& name : bad) EXPECT_FALSE(parse_item_name(name, n)) << name.size();
@@ -480,11 +361,10 @@ TEST(ItemNames, SplitIntoCheckedComponents) {
 
 TEST(FreeSpace, TotalNearTwoToTheSixtyFourNeverPasses) {
     TempDir dir;
-    qvxtest::ScriptedHost host;
+    ScriptedHost host;
     EXPECT_FALSE(check_free_space(host.context(), dir.path(), UINT64_MAX, 1));
     ASSERT_EQ(host.sent.size(), 1u);
-    EXPECT_EQ(le::get32(host.sent[0].bytes.data(), 28), 4u);
-    EXPECT_EQ(le::get32(host.sent[0].bytes.data(), 2080), 8u);
+    EXPECT_EQ(le::get32(host.sent[0].bytes.data(), 2080), 8u) << "(4, 8, empty)";
 }
 
 }  // namespace
