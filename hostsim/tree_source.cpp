@@ -185,7 +185,7 @@ uint32_t TreeSource::answer(Exchange& ex) {
         case dnd::kCmdDataEnd:
             close_source();
             return dnd::kStatusSuccess;
-        case dnd::kCmdFolderSkipped:
+        case dnd::kCmd274:
             return skip_folder();
         case dnd::kCmdDialog:
             return notice(ex);

@@ -216,12 +216,9 @@ bool query_link_target(const Receive& rx, Item& item) {
             return true;
         }
         std::string target;
+        // A target that is no text converts to empty, which means "no link": the item is
+        // then received as what its attributes say.
         Utf16ToNormalizedUtf8(rx.buffer + kOffData, units.size() * 2, target);
-        // A target that is no text cannot be created faithfully.
-        if (target.empty()) {
-            notify_failed(rx);
-            return false;
-        }
         // Stored as it came; the receiver never resolves it.
         for (char& c : target) {
             if (c == '\\') c = '/';
@@ -270,7 +267,7 @@ uint32_t receive_symlink(Receive& rx, Item& item) {
 
 // 274: the host leaves the folder's items out of the following 272 replies.
 uint32_t skip_folder(const Receive& rx) {
-    const uint32_t st = send_bare(rx, kCmdFolderSkipped);
+    const uint32_t st = send_bare(rx, kCmd274);
     if (st == kStatusSuccess) return kReceiveSkipped;
     if (!is_quiet_stop(st)) notify_failed(rx);
     return kTransferFailed;

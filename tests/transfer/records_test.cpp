@@ -11,6 +11,7 @@
 
 #include "support/record_check.h"
 #include "support/scripted_host.h"
+#include "transfer/tree_receiver.h"
 
 namespace {
 
@@ -79,6 +80,22 @@ std::vector<uint8_t> sent_by(const std::function<void(const DnDContext&)>& send,
     send(host.context(W));
     EXPECT_EQ(host.sent.size(), 1u);
     return host.sent.empty() ? std::vector<uint8_t>{} : host.sent[0].bytes;
+}
+
+// The 769 the receiver sends for a host item named `name`: the third request, after the
+// 272 that describes the item and the notice that it begins.
+std::vector<uint8_t> link_query_of(std::u16string name) {
+    ScriptedHost host;
+    host.script.push_back({true, 0, [name](uint8_t* r, size_t) {
+                               le::put32(r, 76, static_cast<uint32_t>(name.size()));
+                               for (size_t i = 0; i < name.size(); ++i) {
+                                   le::put16(r, 80 + 2 * i, name[i]);
+                               }
+                           }});
+    host.answer({0, 9});  // the notice, then the 769: stop
+    receive_tree(host.context(W), "/tmp");
+    EXPECT_EQ(host.sent.size(), 3u);
+    return host.sent.size() < 3 ? std::vector<uint8_t>{} : host.sent[2].bytes;
 }
 
 struct RecordCase {
@@ -165,23 +182,9 @@ TEST(TransferRecords, EveryRequestIsPinnedToTheByte) {
                                 {2134, 2, 0755}} +
              name},
         {"272 next item request",
-         [] {
-             return sent_by(
-                 [](auto& c) {
-                     ItemInfo next;
-                     next_item(c, next, "/d", 3);
-                 },
-                 7);
-         },
-         2196, header(272) + std::vector<Field>{{28, 4, 3}}},
-        {"769 link target request",
-         [] {
-             return sent_by([](auto& c) {
-                 std::string target;
-                 query_link_target(c, item, target);
-             });
-         },
-         2196, header(769) + name},
+         [] { return sent_by([](auto& c) { receive_tree(c, "/tmp"); }, 7); }, 2196, header(272)},
+        {"769 link target request", [] { return link_query_of(u"\\Photos\\2019"); }, 2196,
+         header(769) + std::vector<Field>{{76, 4, 12}} + text_at(80, u"\\Photos\\2019")},
         {"770 symbolic link, slashes sent as backslashes",
          [] { return sent_by([](auto& c) { SendLinkTarget(c, item, "../lib/x"); }); }, 2196 + 16,
          header(770) + name + std::vector<Field>{{2128, 4, 16}} + text_at(2196, u"..\\lib\\x")},
@@ -217,17 +220,16 @@ TEST(TransferRecords, EveryReplyFieldIsReadAtItsOffset) {
     EXPECT_EQ(total, pattern(28, 8));
     EXPECT_EQ(second, pattern(2088, 4));
 
-    host.script.push_back({true, 0, [](uint8_t* r, size_t size) {
-                               qvxtest::fill_pattern(r, size);
-                               le::put32(r, 8, 0);
-                               le::put32(r, 76, 3);
-                               le::put16(r, 80, u'a');
-                               le::put16(r, 82, u'\\');
-                               le::put16(r, 84, u'b');
-                               le::put16(r, 86, 0);
-                           }});
+    // 272 and 769 replies, through the readers the receiver uses on them.
+    std::vector<uint8_t> reply(2196 + 16);
+    qvxtest::fill_pattern(reply.data(), reply.size());
+    le::put32(reply.data(), 76, 3);
+    le::put16(reply.data(), 80, u'a');
+    le::put16(reply.data(), 82, u'\\');
+    le::put16(reply.data(), 84, u'b');
+    le::put16(reply.data(), 86, 0);
     ItemInfo entry;
-    ASSERT_EQ(next_item(ctx, entry, "/dest/", 0), 0);
+    ASSERT_EQ(read_file_entry(reply.data(), 2196, entry), ReplyRead::Ok);
     EXPECT_EQ(entry.attributes, pattern(32, 4));
     EXPECT_EQ(entry.creationTime, pattern(44, 8));
     EXPECT_EQ(entry.accessTime, pattern(52, 8));
@@ -236,19 +238,14 @@ TEST(TransferRecords, EveryReplyFieldIsReadAtItsOffset) {
     EXPECT_EQ(entry.modeValid, pattern(2132, 2));
     EXPECT_EQ(entry.mode, pattern(2134, 2));
     EXPECT_EQ(entry.name, u"a\\b");
-    EXPECT_EQ(entry.path, "/dest/a/b");
 
-    host.script.push_back({true, 0, [](uint8_t* r, size_t size) {
-                               qvxtest::fill_pattern(r, size);
-                               le::put32(r, 8, 0);
-                               le::put32(r, 2128, 6);
-                               le::put16(r, 2196, u'.');
-                               le::put16(r, 2198, u'\\');
-                               le::put16(r, 2200, u'x');
-                           }});
-    std::string target;
-    ASSERT_TRUE(query_link_target(ctx, entry, target));
-    EXPECT_EQ(target, "./x");
+    le::put32(reply.data(), 2128, 6);
+    le::put16(reply.data(), 2196, u'.');
+    le::put16(reply.data(), 2198, u'\\');
+    le::put16(reply.data(), 2200, u'x');
+    std::u16string target;
+    ASSERT_EQ(read_link_target(reply.data(), reply.size(), target), ReplyRead::Ok);
+    EXPECT_EQ(target, u".\\x");
 
     // 268: the status, and the data left where the caller's buffer holds it.
     host.script.push_back({true, 0, [](uint8_t* r, size_t size) {

@@ -308,6 +308,23 @@ TEST(ReceiverReplies, MalformedOnesEndTheReceiveWithOneNotice) {
         EXPECT_EQ(host.questions(), kFailedOnly) << command;
         EXPECT_FALSE(exists(dir / "f"));
     }
+    // A target that is no text (an unpaired surrogate) means "no link": the item arrives as
+    // the file its attributes describe.
+    {
+        SourceHost host({file(u"\\L", "x"), end_of(1)});
+        host.source->set_override([](hostsim::Exchange& ex, const SourceItem*) {
+            if (ex.command != 769) return std::optional<uint32_t>();
+            le::put32(ex.reply.data(), 2128, 4);
+            le::put16(ex.reply.data(), 2196, u'a');
+            le::put16(ex.reply.data(), 2198, 0xD800);
+            ex.replyWritten = 2200;
+            return std::optional<uint32_t>(0);
+        });
+        EXPECT_EQ(run(host), kTransferDone);
+        struct stat st {};
+        ASSERT_EQ(::lstat((dir / "L").c_str(), &st), 0);
+        EXPECT_TRUE(S_ISREG(st.st_mode));
+    }
     for (uint32_t status : {5u, 9u, 100u}) {
         SourceHost host({file(u"\\f", "x"), end_of(1)});
         host.source->set_override([status](hostsim::Exchange& ex, const SourceItem*) {
