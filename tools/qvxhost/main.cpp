@@ -12,6 +12,8 @@
 #include <CLI/CLI.hpp>
 
 #include "hostsim/host.h"
+#include "hostsim/progress.h"
+#include "hostsim/tree_sink.h"
 #include "hostsim/tree_source.h"
 
 namespace {
@@ -52,6 +54,10 @@ int main(int argc, char** argv) {
     std::vector<std::string> trees;
     std::string onExists = "replace";
     std::string onFailure = "stop";
+    std::string receiveInto;
+    std::string onConflict = "stop";
+    uint32_t fileListAction = 0;
+    std::string progressStyle = "auto";
     app.add_option("--root", root, "Platform root (default: $QVX_PLATFORM_ROOT or /)");
     app.add_flag("--trace", trace, "Print each exchange as it happens");
     app.add_option("--command", commands, "Queue a host command CODE[:WORKER] (repeatable)");
@@ -74,6 +80,18 @@ int main(int argc, char** argv) {
         ->check(CLI::IsMember({"replace", "skip", "stop"}));
     app.add_option("--on-failure", onFailure, "Answer to an item the guest could not create")
         ->check(CLI::IsMember({"skip", "stop"}));
+    app.add_option("--receive-into", receiveInto,
+                   "Store files dragged out of the guest in this folder (created if missing); "
+                   "also answers each file list with a workerId of its own");
+    app.add_option("--on-conflict", onConflict,
+                   "When a dragged item exists in the folder: replace, skip or stop")
+        ->check(CLI::IsMember({"replace", "skip", "stop"}));
+    app.add_option("--file-list-action", fileListAction,
+                   "Action answered to a file list: 0 send the files, 4 delete them in the guest");
+    app.add_option("--progress", progressStyle,
+                   "Transfer progress on stdout: auto (a bar on a terminal unless --trace, "
+                   "else a line per item), bar, lines or off (summary lines only)")
+        ->check(CLI::IsMember({"auto", "bar", "lines", "off"}));
     CLI11_PARSE(app, argc, argv);
 
     // Block the stop signals before any thread starts, so only sigwait below sees them.
@@ -141,6 +159,28 @@ int main(int argc, char** argv) {
             std::fprintf(stdout, "%s\n", entry.line.c_str());
             std::fflush(stdout);
         });
+    }
+
+    // Progress shares stdout with the trace; a bar would garble trace lines.
+    hostsim::ProgressBoard::Style style = hostsim::ProgressBoard::Style::Quiet;
+    if (progressStyle == "bar")
+        style = hostsim::ProgressBoard::Style::Bar;
+    else if (progressStyle == "lines")
+        style = hostsim::ProgressBoard::Style::Lines;
+    else if (progressStyle == "auto")
+        style = trace ? hostsim::ProgressBoard::Style::Lines
+                      : hostsim::ProgressBoard::style_for(stdout);
+    hostsim::ProgressBoard progress(stdout, style);
+
+    std::unique_ptr<hostsim::TreeSink> sink;
+    if (!receiveInto.empty()) {
+        hostsim::SinkOptions sinkOptions;
+        sinkOptions.folder = receiveInto;
+        hostsim::parse_conflict_policy(onConflict, sinkOptions.policy);
+        sinkOptions.progress = &progress;
+        sinkOptions.assignWorkerIds = true;
+        sinkOptions.fileListAction = fileListAction;
+        sink = std::make_unique<hostsim::TreeSink>(host, std::move(sinkOptions));
     }
 
     if (!host.start()) {
