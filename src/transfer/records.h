@@ -25,6 +25,10 @@ struct ItemInfo {
     std::u16string name;  // item name relative to the transferred tree
 };
 
+// The one transfer buffer of a send (per listed item) or a receive: a data record with a
+// whole chunk behind it.
+inline constexpr size_t kTransferBufferSize = dnd::kMessageSize + dnd::kMaxChunk;
+
 // Attribute bits.
 inline constexpr uint32_t kAttrLocked = 0x1;
 inline constexpr uint32_t kAttrInvisible = 0x2;

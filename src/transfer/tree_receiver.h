@@ -11,9 +11,8 @@
 
 namespace qvx {
 
-// The one buffer of a receive: the reply record of every data request, with a whole chunk
-// behind it; also the growing reply of the link target query.
-inline constexpr size_t kTransferBufferSize = dnd::kMessageSize + dnd::kMaxChunk;
+// The receive's transfer buffer (kTransferBufferSize) holds the reply record of every data
+// request, and also the growing reply of the link target query.
 // The link target query's reply starts with room for 256 bytes of target and doubles on
 // status 13 up to 64 KiB of target, far beyond any path; a host asking for more is given
 // up on. The last step is cut to the limit rather than overshoot it.
