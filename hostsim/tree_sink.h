@@ -2,7 +2,10 @@
 // sends into a host folder, answers name conflicts by a policy and checks what arrived
 // against the announced totals. One transfer per workerId; several may run at once.
 //
-//   hostsim::TreeSink sink(host, {.folder = "/tmp/in", .policy = hostsim::ConflictPolicy::Skip});
+//   hostsim::SinkOptions options;
+//   options.folder = "/tmp/in";
+//   options.policy = hostsim::ConflictPolicy::Skip;
+//   hostsim::TreeSink sink(host, options);
 //   ... the guest sends ...
 //   auto r = sink.result(workerId);   // r->state == SinkResult::State::Done, r->totals_match()
 //
