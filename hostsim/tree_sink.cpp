@@ -191,7 +191,7 @@ class Session {
             case dnd::kCmdWriteData:
                 return on_chunk(ex);
             case dnd::kCmdDataEnd:
-                close_file();
+                // The file stays open for its 271, which applies mode and times through it.
                 return dnd::kStatusSuccess;
             case dnd::kCmdRemoveItem:
                 return on_remove(ex);
@@ -440,21 +440,41 @@ class Session {
         qvx::ItemInfo item;
         std::string name, leaf, why;
         if (!read_name(ex, item, name, why)) return refuse("271: " + why);
+        // The creation time and the locked and invisible bits have no place on this host
+        // and are dropped. The mode goes first: a folder without write permission still
+        // takes its times.
+        const timespec times[2] = {to_timespec(item.accessTime),
+                                   to_timespec(item.modificationTime)};
+        const mode_t mode = item.mode & 07777;
+        if (m_fileFd >= 0 && name == m_fileName) {
+            // The file just written: through its descriptor, no name to resolve again.
+            const bool ok =
+                (!item.modeValid || fchmod(m_fileFd, mode) == 0) && futimens(m_fileFd, times) == 0;
+            const int error = errno;
+            close_file();
+            if (!ok)
+                return refuse("271: cannot apply to \"" + name + "\": " + std::strerror(error));
+            ++m_result.items;
+            return dnd::kStatusSuccess;
+        }
         const int dir = parent_of(name, leaf, why);
         if (dir < 0) return refuse("271: " + why);
         struct stat st {};
         if (fstatat(dir, leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0)
             return refuse("271: \"" + name + "\" is missing");
-        // The mode first: a folder without write permission still takes its times. A
-        // link has no mode of its own here. The creation time, locked and invisible bits
-        // have no place on this host and are dropped.
-        if (item.modeValid && !S_ISLNK(st.st_mode) &&
-            fchmodat(dir, leaf.c_str(), item.mode & 07777, AT_SYMLINK_NOFOLLOW) != 0)
-            return refuse("271: cannot set the mode of \"" + name + "\": " + std::strerror(errno));
-        const timespec times[2] = {to_timespec(item.accessTime),
-                                   to_timespec(item.modificationTime)};
-        if (utimensat(dir, leaf.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0)
-            return refuse("271: cannot set the times of \"" + name + "\": " + std::strerror(errno));
+        bool ok = true;
+        if (S_ISLNK(st.st_mode)) {
+            // A link has no mode of its own here.
+            ok = utimensat(dir, leaf.c_str(), times, AT_SYMLINK_NOFOLLOW) == 0;
+        } else {
+            const int fd =
+                openat(dir, leaf.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+            ok = fd >= 0 && (!item.modeValid || fchmod(fd, mode) == 0) && futimens(fd, times) == 0;
+            const int error = errno;
+            if (fd >= 0) close(fd);
+            errno = error;
+        }
+        if (!ok) return refuse("271: cannot apply to \"" + name + "\": " + std::strerror(errno));
         ++m_result.items;
         if (S_ISDIR(st.st_mode)) m_result.bytes += kFolderBytes;
         return dnd::kStatusSuccess;
