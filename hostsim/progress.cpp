@@ -5,7 +5,10 @@
 
 #include <algorithm>
 #include <cinttypes>
+#include <memory>
 
+#include "channel/dnd_message.h"
+#include "common/byte_order.h"
 #include "hostsim/trace.h"
 
 namespace hostsim {
@@ -22,6 +25,59 @@ const char* direction_text(TransferDirection d) {
 
 double megabytes_per_second(uint64_t bytes, double seconds) {
     return seconds > 0 ? static_cast<double>(bytes) / 1e6 / seconds : 0.0;
+}
+
+namespace dnd = qvx::dnd;
+namespace le = qvx::le;
+
+constexpr uint64_t kFolderBytes = 32;  // what a folder counts in the announced bytes
+constexpr uint32_t kAttrDirectory = 0x10;
+
+// Notice text (UTF-16 up to its NUL) as UTF-8 for display; a broken pair shows as U+FFFD.
+std::string notice_text(const uint8_t* record) {
+    std::string out;
+    for (size_t at = dnd::kOffDialogText; at + 1 < dnd::kOffDialogCode; at += 2) {
+        uint32_t cp = le::get16(record, at);
+        if (cp == 0) break;
+        if (cp >= 0xD800 && cp < 0xDC00 && at + 3 < dnd::kOffDialogCode) {
+            const uint32_t low = le::get16(record, at + 2);
+            if (low >= 0xDC00 && low < 0xE000) {
+                cp = 0x10000 + ((cp - 0xD800) << 10) + (low - 0xDC00);
+                at += 2;
+            }
+        }
+        if (cp >= 0xD800 && cp < 0xE000) cp = 0xFFFD;
+        if (cp < 0x80) {
+            out += static_cast<char>(cp);
+        } else if (cp < 0x800) {
+            out += static_cast<char>(0xC0 | (cp >> 6));
+            out += static_cast<char>(0x80 | (cp & 0x3F));
+        } else if (cp < 0x10000) {
+            out += static_cast<char>(0xE0 | (cp >> 12));
+            out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+            out += static_cast<char>(0x80 | (cp & 0x3F));
+        } else {
+            out += static_cast<char>(0xF0 | (cp >> 18));
+            out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
+            out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+            out += static_cast<char>(0x80 | (cp & 0x3F));
+        }
+    }
+    return out;
+}
+
+// What one observed transfer has seen so far; its messages come one at a time.
+struct Observed {
+    std::mutex mutex;
+    bool begun = false;
+    bool failed = false;
+    bool stopped = false;
+    uint64_t lastChunk = 0;
+};
+
+// "3/10", or "3" where no total was announced (the host's own totals carry no items).
+std::string of_total(uint64_t n, uint64_t total) {
+    return total ? format("%" PRIu64 "/%" PRIu64, n, total) : format("%" PRIu64, n);
 }
 
 // The end of a long name, which tells more than its start.
@@ -70,8 +126,9 @@ void ProgressBoard::item_begins(uint64_t workerId, std::string_view name) {
     ++r.counts.items;
     r.counts.currentItem.assign(name);
     if (m_out && m_style == Style::Lines) {
-        std::fprintf(m_out, "worker=%" PRIu64 " %s item %" PRIu64 "/%" PRIu64 " %s\n", workerId,
-                     direction_text(r.counts.direction), r.counts.items, r.counts.announcedItems,
+        std::fprintf(m_out, "worker=%" PRIu64 " %s item %s %s\n", workerId,
+                     direction_text(r.counts.direction),
+                     of_total(r.counts.items, r.counts.announcedItems).c_str(),
                      r.counts.currentItem.c_str());
         std::fflush(m_out);
     }
@@ -137,12 +194,10 @@ std::string ProgressBoard::bar_line(const Running& r) const {
     const auto filled = static_cast<size_t>(done * kBarWidth);
     std::string bar(filled, '#');
     bar.append(kBarWidth - filled, '.');
-    return format("%" PRIu64 " %s [%s] %3d%% %" PRIu64 "/%" PRIu64
-                  " items %.1f/%.1f MB "
-                  "%.1f MB/s ",
-                  c.workerId, direction_text(c.direction), bar.c_str(),
-                  static_cast<int>(done * 100), c.items, c.announcedItems,
-                  static_cast<double>(c.bytes) / 1e6, static_cast<double>(c.announcedBytes) / 1e6,
+    return format("%" PRIu64 " %s [%s] %3d%% %s items %.1f/%.1f MB %.1f MB/s ", c.workerId,
+                  direction_text(c.direction), bar.c_str(), static_cast<int>(done * 100),
+                  of_total(c.items, c.announcedItems).c_str(), static_cast<double>(c.bytes) / 1e6,
+                  static_cast<double>(c.announcedBytes) / 1e6,
                   megabytes_per_second(c.bytes, seconds)) +
            tail(c.currentItem, kNameWidth);
 }
@@ -165,6 +220,75 @@ void ProgressBoard::draw_bars(bool force) {
         ++m_barLines;
     }
     std::fflush(m_out);
+}
+
+Handler observe_progress(ProgressBoard& board, uint64_t workerId, TransferDirection direction,
+                         Handler inner) {
+    auto seen = std::make_shared<Observed>();
+    return [&board, workerId, direction, inner = std::move(inner), seen](Exchange& ex) {
+        const uint32_t status = inner ? inner(ex) : dnd::kStatusSuccess;
+        std::lock_guard<std::mutex> lock(seen->mutex);
+        if (!seen->begun) {
+            board.begin(workerId, direction);
+            seen->begun = true;
+        }
+        const uint8_t* req = ex.request.data();
+        const uint8_t* reply = ex.reply.data();
+        const bool ok = status == dnd::kStatusSuccess;
+        switch (ex.command) {
+            case dnd::kCmdSendTotals:
+                if (ok)
+                    board.set_totals(workerId, le::get64(req, dnd::kOffTotalBytes),
+                                     le::get32(req, dnd::kOffItemCount));
+                break;
+            case dnd::kCmdQueryTotals:
+                // The host announces bytes only; the items show without a total.
+                if (ok) board.set_totals(workerId, le::get64(reply, dnd::kOffTotalBytes), 0);
+                break;
+            case dnd::kCmdDialog: {
+                const uint32_t id = le::get32(req, dnd::kOffDialogId);
+                if (id == 1) board.item_begins(workerId, notice_text(req));
+                if (id == 5) {
+                    board.add_bytes(workerId, seen->lastChunk);
+                    seen->lastChunk = 0;
+                }
+                if (id == 4 || (id == 3 && status != dnd::kStatusSkip)) seen->failed = true;
+                break;
+            }
+            case dnd::kCmdWriteData:
+                if (ok) seen->lastChunk = le::get32(req, dnd::kOffDataLength);
+                break;
+            case dnd::kCmdReadData:
+                if (ok && ex.replyWritten >= dnd::kMessageSize)
+                    seen->lastChunk = std::min<uint64_t>(le::get32(reply, dnd::kOffDataLength),
+                                                         ex.replyWritten - dnd::kMessageSize);
+                break;
+            case dnd::kCmdItemHeader:
+                if (ok && (le::get32(req, dnd::kOffAttributes) & kAttrDirectory))
+                    board.add_bytes(workerId, kFolderBytes);
+                break;
+            case dnd::kCmdNextItem:
+                if (ok && (le::get32(reply, dnd::kOffAttributes) & kAttrDirectory))
+                    board.add_bytes(workerId, kFolderBytes);
+                break;
+            case dnd::kCmdEnd: {
+                std::string result = seen->failed ? "failed" : seen->stopped ? "stopped" : "done";
+                if (auto c = board.running(workerId);
+                    c && result == "done" &&
+                    (c->bytes != c->announcedBytes ||
+                     (c->announcedItems != 0 && c->items != c->announcedItems)))
+                    result += ", totals differ";
+                board.finish(workerId, result);
+                seen->begun = seen->failed = seen->stopped = false;
+                seen->lastChunk = 0;
+                return status;
+            }
+            default:
+                break;
+        }
+        if (dnd::is_quiet_stop(status)) seen->stopped = true;
+        return status;
+    };
 }
 
 }  // namespace hostsim

@@ -2,11 +2,12 @@
 // items and bytes against the announced totals, a bar per transfer on a terminal, a
 // plain line per item elsewhere, and one summary line per transfer.
 //
-// The transfer's endpoint feeds it: begin() when a transfer is first seen, set_totals()
-// with what was announced, item_begins() on the notice (1, 0, name), add_bytes() on the
-// notice (5, 0, name) with the size of the chunk that notice confirms (the notice itself
-// carries no count) and with 32 for each folder as it is created, so that the bytes
-// reach the announced total, and finish() when the transfer's 260 arrives.
+// observe_progress() feeds a board from a transfer's messages as they pass its endpoint
+// (the sink, a tree source, a test's handler). By hand: begin() when a transfer is first
+// seen, set_totals() with what was announced, item_begins() on the notice (1, 0, name),
+// add_bytes() on the notice (5, 0, name) with the size of the chunk that notice confirms
+// (the notice itself carries no count) and with 32 for each folder as it is announced, so
+// that the bytes reach the announced total, and finish() when the transfer's 260 arrives.
 #pragma once
 
 #include <chrono>
@@ -18,6 +19,8 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "hostsim/host.h"
 
 namespace hostsim {
 
@@ -88,5 +91,15 @@ class ProgressBoard {
     size_t m_barLines = 0;  // bar lines on screen below the cursor's line
     std::chrono::steady_clock::time_point m_lastDraw{};
 };
+
+// Wraps `inner`, the handler of transfer `workerId`'s messages, so that `board` follows
+// the transfer: the totals (the guest's 262, the host's reply to 261), the notices (1, 0)
+// and (5, 0), the chunk sizes (269 sent, 268 answered), folders (a 265 accepted or a 272
+// answered with the folder bit) and the 260 that ends it: "failed" after a notice of kind
+// 4 or an unanswered kind 3, "stopped" after the host answered 9 or 100, else "done" (with
+// ", totals differ" when the counts missed the announced totals). A later transfer of
+// the same workerId begins anew. `board` must outlive the handler.
+Handler observe_progress(ProgressBoard& board, uint64_t workerId, TransferDirection direction,
+                         Handler inner);
 
 }  // namespace hostsim

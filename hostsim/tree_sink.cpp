@@ -295,34 +295,14 @@ class Session {
         m_result.announcedItems = le::get32(r, dnd::kOffItemCount);
         m_result.topLevel = le::get32(r, dnd::kOffTopLevelCount);
         ++m_result.totalsMessages;
-        if (m_options.progress)
-            m_options.progress->set_totals(m_result.workerId, m_result.announcedBytes,
-                                           m_result.announcedItems);
         return dnd::kStatusSuccess;
     }
 
     uint32_t on_notice(const Exchange& ex) {
         const uint8_t* r = ex.request.data();
         const uint32_t id = le::get32(r, dnd::kOffDialogId);
-        const uint32_t code = le::get32(r, dnd::kOffDialogCode);
-        ProgressBoard* progress = m_options.progress;
-        switch (id) {
-            case 1:
-                if (progress) progress->item_begins(m_result.workerId, notice_text(r));
-                break;
-            case 2:
-                return answer_conflict(notice_text(r));
-            case 4:
-                m_result.failureCodes.push_back(code);
-                break;
-            case 5:
-                // The notice confirms the last chunk; it carries no count of its own.
-                if (progress) progress->add_bytes(m_result.workerId, m_lastChunk);
-                m_lastChunk = 0;
-                break;
-            default:
-                break;
-        }
+        if (id == 2) return answer_conflict(notice_text(r));
+        if (id == 4) m_result.failureCodes.push_back(le::get32(r, dnd::kOffDialogCode));
         return dnd::kStatusSuccess;
     }
 
@@ -356,7 +336,6 @@ class Session {
             if (mkdirat(dir, leaf.c_str(), 0700) != 0)
                 return refuse("265: cannot create folder \"" + name +
                               "\": " + std::strerror(errno));
-            if (m_options.progress) m_options.progress->add_bytes(m_result.workerId, kFolderBytes);
         }
         return dnd::kStatusSuccess;
     }
@@ -418,7 +397,6 @@ class Session {
             done += static_cast<uint32_t>(w);
         }
         m_result.bytes += n;
-        m_lastChunk = n;
         return dnd::kStatusSuccess;
     }
 
@@ -489,12 +467,6 @@ class Session {
         else
             m_result.state = SinkResult::State::Done;
         m_ended = true;
-        if (m_options.progress) {
-            std::string text = state_name(m_result.state);
-            if (m_result.state == SinkResult::State::Done && !m_result.totals_match())
-                text += ", totals differ";
-            m_options.progress->finish(m_result.workerId, text);
-        }
     }
 
     const SinkOptions m_options;  // a copy: a session may outlive its sink
@@ -505,25 +477,28 @@ class Session {
     std::string m_dirPath;  // its name relative to the root
     int m_fileFd = -1;
     std::string m_fileName;
-    uint64_t m_lastChunk = 0;
     bool m_stopped = false;
     bool m_ended = false;
 };
 
 struct SinkShared {
+    struct Running {
+        std::shared_ptr<Session> session;
+        Handler handler;  // as installed for the worker
+    };
     SinkOptions options;
     std::mutex mutex;
-    std::map<uint64_t, std::shared_ptr<Session>> running;
+    std::map<uint64_t, Running> running;
     std::vector<SinkResult> finished;
     std::atomic<uint64_t> nextWorkerId{kFirstWorkerId};
 };
 
 namespace {
 
-// Starts a session for `workerId` and routes the worker's messages to it. Null when the
-// folder cannot be opened (the reason in `why`).
-std::shared_ptr<Session> start_session(Host& host, const std::shared_ptr<SinkShared>& shared,
-                                       uint64_t workerId, std::string& why);
+// Starts a session for `workerId` (unless one runs) and routes the worker's messages to it;
+// the handler that does so, or none when the folder cannot be opened (the reason in `why`).
+Handler start_session(Host& host, const std::shared_ptr<SinkShared>& shared, uint64_t workerId,
+                      std::string& why);
 
 }  // namespace
 
@@ -536,9 +511,8 @@ TreeSink::TreeSink(Host& host, SinkOptions options)
         auto shared = weak.lock();
         if (!shared) return dnd::kStatusSuccess;
         std::string why;
-        auto session = start_session(*hostPtr, shared, ex.workerId, why);
-        if (!session) return kSinkRefused;
-        return session->handle(ex);
+        const Handler handler = start_session(*hostPtr, shared, ex.workerId, why);
+        return handler ? handler(ex) : kSinkRefused;
     });
     if (m_shared->options.assignWorkerIds) {
         auto assign = [weak](Exchange& ex) -> uint32_t {
@@ -560,7 +534,7 @@ TreeSink::~TreeSink() {
         m_host.clear_handler(dnd::kCmdFileListVariant);
     }
     std::lock_guard<std::mutex> lock(m_shared->mutex);
-    for (const auto& [worker, session] : m_shared->running) m_host.clear_worker_handler(worker);
+    for (const auto& [worker, running] : m_shared->running) m_host.clear_worker_handler(worker);
 }
 
 void TreeSink::accept(uint64_t workerId) {
@@ -573,7 +547,7 @@ std::optional<SinkResult> TreeSink::result(uint64_t workerId) const {
     {
         std::lock_guard<std::mutex> lock(m_shared->mutex);
         if (auto it = m_shared->running.find(workerId); it != m_shared->running.end())
-            session = it->second;
+            session = it->second.session;
         else
             for (auto r = m_shared->finished.rbegin(); r != m_shared->finished.rend(); ++r)
                 if (r->workerId == workerId) return *r;
@@ -589,17 +563,15 @@ std::vector<SinkResult> TreeSink::finished() const {
 
 namespace {
 
-std::shared_ptr<Session> start_session(Host& host, const std::shared_ptr<SinkShared>& shared,
-                                       uint64_t workerId, std::string& why) {
+Handler start_session(Host& host, const std::shared_ptr<SinkShared>& shared, uint64_t workerId,
+                      std::string& why) {
     std::lock_guard<std::mutex> lock(shared->mutex);
-    if (auto it = shared->running.find(workerId); it != shared->running.end()) return it->second;
+    if (auto it = shared->running.find(workerId); it != shared->running.end())
+        return it->second.handler;
     auto session = std::make_shared<Session>(workerId, shared->options);
     if (!session->open_root(why)) return nullptr;
-    shared->running[workerId] = session;
-    if (shared->options.progress)
-        shared->options.progress->begin(workerId, TransferDirection::GuestToHost);
     std::weak_ptr<SinkShared> weak = shared;
-    host.set_worker_handler(workerId, [&host, weak, session, workerId](Exchange& ex) {
+    Handler handler = [&host, weak, session, workerId](Exchange& ex) {
         const uint32_t status = session->handle(ex);
         if (session->ended()) {
             host.clear_worker_handler(workerId);
@@ -610,8 +582,13 @@ std::shared_ptr<Session> start_session(Host& host, const std::shared_ptr<SinkSha
             }
         }
         return status;
-    });
-    return session;
+    };
+    if (shared->options.progress)
+        handler = observe_progress(*shared->options.progress, workerId,
+                                   TransferDirection::GuestToHost, std::move(handler));
+    shared->running[workerId] = {session, handler};
+    host.set_worker_handler(workerId, handler);
+    return handler;
 }
 
 }  // namespace

@@ -233,25 +233,6 @@ TEST_F(TreeSinkTest, ProgressPrintsALinePerItemAndASummary) {
         << text;
     EXPECT_NE(text.find(" MB/s, done\n"), std::string::npos) << text;
     EXPECT_EQ(text.find('\x1b'), std::string::npos) << "no terminal controls in plain lines";
-
-    // On a terminal a bar per transfer is redrawn in place and cleared for the summary.
-    std::FILE* tty = std::tmpfile();
-    {
-        hostsim::ProgressBoard bars(tty, hostsim::ProgressBoard::Style::Bar);
-        bars.begin(7, hostsim::TransferDirection::HostToGuest);
-        bars.set_totals(7, 2'000'000, 4);
-        bars.begin(8, hostsim::TransferDirection::GuestToHost);
-        bars.finish(7, "failed");
-    }
-    const std::string drawn = slurp(tty);
-    std::fclose(tty);
-    EXPECT_NE(drawn.find("7 host->guest [........................]   0% 0/4 items 0.0/2.0 MB"),
-              std::string::npos)
-        << drawn;
-    EXPECT_NE(drawn.find("\x1b[2A\r\x1b[Jtransfer worker=7 host->guest: 0 items, 0 bytes, "),
-              std::string::npos)
-        << drawn;
-    EXPECT_EQ(drawn.substr(drawn.rfind('\n', drawn.size() - 2) + 1, 16), "8 guest->host [.");
 }
 
 TEST_F(TreeSinkTest, TransfersOfSeveralWorkersRunAtOnce) {
