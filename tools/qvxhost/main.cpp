@@ -132,6 +132,17 @@ int main(int argc, char** argv) {
         host.fail_nth(static_cast<uint32_t>(cmd), nth, static_cast<uint32_t>(status),
                       completion ? hostsim::FaultLevel::Completion : hostsim::FaultLevel::Reply);
     }
+    // Progress shares stdout with the trace; a bar would garble trace lines.
+    hostsim::ProgressBoard::Style style = hostsim::ProgressBoard::Style::Quiet;
+    if (progressStyle == "bar")
+        style = hostsim::ProgressBoard::Style::Bar;
+    else if (progressStyle == "lines")
+        style = hostsim::ProgressBoard::Style::Lines;
+    else if (progressStyle == "auto")
+        style = trace ? hostsim::ProgressBoard::Style::Lines
+                      : hostsim::ProgressBoard::style_for(stdout);
+    hostsim::ProgressBoard progress(stdout, style);
+
     hostsim::SourcePolicy policy;
     policy.onExists = onExists == "replace" ? 101 : onExists == "skip" ? 102 : 9;
     policy.onFailure = onFailure == "skip" ? 102 : 9;
@@ -147,8 +158,11 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "qvxhost: cannot list %s\n", t.substr(colon + 1).c_str());
             return 1;
         }
-        hostsim::serve_tree(host, worker,
-                            std::make_shared<hostsim::TreeSource>(std::move(items), policy));
+        auto source = std::make_shared<hostsim::TreeSource>(std::move(items), policy);
+        host.set_worker_handler(
+            worker, hostsim::observe_progress(
+                        progress, worker, hostsim::TransferDirection::HostToGuest,
+                        [source](hostsim::Exchange& ex) { return source->answer(ex); }));
     }
     if (suspend) host.set_suspended(true);
     if (closeAt) host.close_at(closeAt);
@@ -160,17 +174,6 @@ int main(int argc, char** argv) {
             std::fflush(stdout);
         });
     }
-
-    // Progress shares stdout with the trace; a bar would garble trace lines.
-    hostsim::ProgressBoard::Style style = hostsim::ProgressBoard::Style::Quiet;
-    if (progressStyle == "bar")
-        style = hostsim::ProgressBoard::Style::Bar;
-    else if (progressStyle == "lines")
-        style = hostsim::ProgressBoard::Style::Lines;
-    else if (progressStyle == "auto")
-        style = trace ? hostsim::ProgressBoard::Style::Lines
-                      : hostsim::ProgressBoard::style_for(stdout);
-    hostsim::ProgressBoard progress(stdout, style);
 
     std::unique_ptr<hostsim::TreeSink> sink;
     if (!receiveInto.empty()) {
