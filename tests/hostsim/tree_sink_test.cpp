@@ -1,12 +1,11 @@
 // Tests of the simulated host's storing side of a guest-to-host transfer: conflict
-// policies, names that try to leave the folder, progress output, and transfers at once.
+// policies, names that try to leave the folder, and transfers of several workers at once.
 #include "hostsim/tree_sink.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -15,7 +14,6 @@
 #include "channel/communicator.h"
 #include "channel/dnd_message.h"
 #include "hostsim/host.h"
-#include "hostsim/progress.h"
 #include "support/private_root.h"
 #include "support/temp_dir.h"
 #include "transfer/records.h"
@@ -34,15 +32,6 @@ namespace le = qvx::le;
 bool exists(const std::string& path) {
     struct stat st {};
     return ::lstat(path.c_str(), &st) == 0;
-}
-
-std::string slurp(std::FILE* f) {
-    std::fflush(f);
-    std::rewind(f);
-    std::string out;
-    char buffer[4096];
-    for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, f)) > 0;) out.append(buffer, n);
-    return out;
 }
 
 class TreeSinkTest : public ::testing::Test {
@@ -205,34 +194,6 @@ TEST_F(TreeSinkTest, NamesNeverLeadOutsideTheFolder) {
     const auto r = sink.result(kWorker);
     ASSERT_TRUE(r);
     EXPECT_NE(r->refusal.find("unacceptable name"), std::string::npos) << r->refusal;
-}
-
-TEST_F(TreeSinkTest, ProgressPrintsALinePerItemAndASummary) {
-    write_file(guest / "top/a", std::string(200000, 'a'));
-    write_file(guest / "top/b", "b");
-    std::FILE* out = std::tmpfile();
-    ASSERT_NE(out, nullptr);
-    {
-        hostsim::ProgressBoard progress(out, hostsim::ProgressBoard::Style::Lines);
-        hostsim::SinkOptions o = options(hostsim::ConflictPolicy::Stop);
-        o.progress = &progress;
-        hostsim::TreeSink sink(host, o);
-        run_send(kWorker, {guest / "top"});
-        const auto shown = progress.finished();
-        ASSERT_EQ(shown.size(), 1u);
-        EXPECT_EQ(shown[0].items, 3u);
-        EXPECT_EQ(shown[0].bytes, 200000u + 1 + 32);
-        EXPECT_EQ(shown[0].announcedBytes, shown[0].bytes);
-    }
-    const std::string text = slurp(out);
-    std::fclose(out);
-    EXPECT_NE(text.find("worker=20940 guest->host item 1/3 top\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("item 3/3 top/"), std::string::npos) << text;
-    EXPECT_NE(text.find("transfer worker=20940 guest->host: 3 items, 200033 bytes, "),
-              std::string::npos)
-        << text;
-    EXPECT_NE(text.find(" MB/s, done\n"), std::string::npos) << text;
-    EXPECT_EQ(text.find('\x1b'), std::string::npos) << "no terminal controls in plain lines";
 }
 
 TEST_F(TreeSinkTest, TransfersOfSeveralWorkersRunAtOnce) {
