@@ -6,6 +6,7 @@
 #include <CoreFoundation/CFRunLoop.h>
 
 #include "platform/sim/desktop.h"
+#include "platform/sim/desktop_socket.h"
 #include "platform/sim/run_loop.h"
 
 NSApplication* NSApplication::sharedApplication() {
@@ -29,7 +30,7 @@ void NSApplication::run() {
     m_running = false;
 }
 
-void NSApplication::terminate(void*) {
+void NSApplication::terminate(id) {
     m_terminated = true;
     platform::run_loop_shutdown(CFRunLoopGetMain());
     platform::stop_shared_desktop();

@@ -6,6 +6,7 @@
 #include <deque>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -33,7 +34,10 @@ struct __CFRunLoop {
     std::condition_variable cv;
     std::deque<Entry> queue;
     bool woken = false;
-    int depth = 0;  // nested invocations now running
+    int depth = 0;                     // nested invocations now running
+    std::vector<CFRunLoopMode> modes;  // of the running invocations, innermost last
+    bool waiting = false;              // the innermost invocation sleeps for want of a block
+    std::condition_variable idle;      // signalled whenever it starts sleeping
     bool stopPending = false;
     bool shutDown = false;
 };
@@ -42,6 +46,12 @@ namespace {
 
 bool runs_in(CFRunLoopMode blockMode, CFRunLoopMode loopMode) {
     return blockMode == loopMode || blockMode == kCFRunLoopCommonModes;
+}
+
+bool has_runnable(const __CFRunLoop& loop, CFRunLoopMode mode) {
+    for (const auto& entry : loop.queue)
+        if (runs_in(entry.mode, mode)) return true;
+    return false;
 }
 
 }  // namespace
@@ -93,6 +103,7 @@ int32_t CFRunLoopRunInMode(CFRunLoopMode mode, CFTimeInterval seconds,
     std::unique_lock lock(loop->mutex);
     if (loop->shutDown) return kCFRunLoopRunStopped;
     ++loop->depth;
+    loop->modes.push_back(mode);
     int32_t result = kCFRunLoopRunTimedOut;
     for (;;) {
         if (loop->shutDown) {
@@ -121,12 +132,17 @@ int32_t CFRunLoopRunInMode(CFRunLoopMode mode, CFTimeInterval seconds,
         }
         // Nothing runnable: sleep until woken. Blocks posted without a wake-up wait here,
         // as they do on the real loop.
-        if (!loop->cv.wait_until(lock, deadline, [loop] { return loop->woken; })) {
+        loop->waiting = true;
+        loop->idle.notify_all();
+        const bool woken = loop->cv.wait_until(lock, deadline, [loop] { return loop->woken; });
+        loop->waiting = false;
+        if (!woken) {
             result = kCFRunLoopRunTimedOut;
             break;
         }
         loop->woken = false;
     }
+    loop->modes.pop_back();
     --loop->depth;
     return result;
 }
@@ -146,6 +162,14 @@ void run_loop_shutdown(CFRunLoopRef loop) {
         loop->woken = true;
     }
     loop->cv.notify_all();
+}
+
+bool run_loop_wait_idle(CFRunLoopRef loop, std::chrono::milliseconds timeout) {
+    if (loop == nullptr) return false;
+    std::unique_lock lock(loop->mutex);
+    return loop->idle.wait_for(lock, timeout, [loop] {
+        return loop->depth > 0 && loop->waiting && !has_runnable(*loop, loop->modes.back());
+    });
 }
 
 void run_loop_reset(CFRunLoopRef loop) {

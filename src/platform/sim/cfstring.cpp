@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "common/byte_order.h"
+#include "platform/sim/cf_object.h"
 
 struct __CFAllocator {
     int kind;
@@ -29,8 +30,14 @@ const CFAllocatorRef kCFAllocatorDefault = nullptr;
 const CFAllocatorRef kCFAllocatorMalloc = &gMallocAllocator;
 const CFAllocatorRef kCFAllocatorNull = &gNullAllocator;
 
-struct __CFString {
-    mutable std::atomic<long> refs{1};
+struct __CFString : platform::CFObject {
+    __CFString() : CFObject(platform::kCFStringTypeID) {}
+    ~__CFString() override {
+        if (external && externalDeallocator != kCFAllocatorNull)
+            std::free(const_cast<void*>(external));
+    }
+    bool Equals(const CFObject& other) const override;
+
     bool isMutable = false;
     // A no-copy UTF-16LE string reads its caller's bytes; `units` is unused then.
     const uint8_t* borrowed = nullptr;
@@ -360,17 +367,13 @@ Boolean CFStringGetCString(CFStringRef theString, char* buffer, CFIndex bufferSi
     return true;
 }
 
-CFTypeRef CFRetain(CFTypeRef cf) {
-    if (cf) static_cast<const __CFString*>(cf)->refs.fetch_add(1, std::memory_order_relaxed);
-    return cf;
+CFTypeID CFStringGetTypeID() {
+    return platform::kCFStringTypeID;
 }
 
-void CFRelease(CFTypeRef cf) {
-    if (!cf) return;
-    auto* s = const_cast<__CFString*>(static_cast<const __CFString*>(cf));
-    if (s->refs.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
-    if (s->external && s->externalDeallocator != kCFAllocatorNull) {
-        std::free(const_cast<void*>(s->external));
-    }
-    delete s;
+bool __CFString::Equals(const CFObject& other) const {
+    std::u16string mine, theirs;
+    std::u16string_view a, b;
+    return ViewUnits(this, mine, a) &&
+           ViewUnits(static_cast<const __CFString*>(&other), theirs, b) && a == b;
 }

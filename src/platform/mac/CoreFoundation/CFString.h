@@ -3,16 +3,11 @@
 
 #include <cstdint>
 
-typedef unsigned char Boolean;
-typedef unsigned char UInt8;
-typedef long CFIndex;
+#include <CoreFoundation/CFBase.h>
+
 typedef uint32_t CFStringEncoding;
-typedef const void* CFTypeRef;
-typedef const struct __CFAllocator* CFAllocatorRef;
 typedef const struct __CFString* CFStringRef;
 typedef struct __CFString* CFMutableStringRef;
-
-inline constexpr CFIndex kCFNotFound = -1;
 
 inline constexpr CFStringEncoding kCFStringEncodingASCII = 0x0600;
 inline constexpr CFStringEncoding kCFStringEncodingUTF8 = 0x08000100;
@@ -24,13 +19,6 @@ typedef enum : CFIndex {
     kCFStringNormalizationFormC = 2,
     kCFStringNormalizationFormKC = 3,
 } CFStringNormalizationForm;
-
-// As on the Mac, the default allocator is the null reference. Allocators only matter
-// here as the deallocator of a no-copy string: kCFAllocatorNull leaves the bytes to the
-// caller; the default and malloc allocators free() them when the string goes away.
-extern const CFAllocatorRef kCFAllocatorDefault;
-extern const CFAllocatorRef kCFAllocatorMalloc;
-extern const CFAllocatorRef kCFAllocatorNull;
 
 // None of these functions throws. A string that cannot be made (bad arguments, bytes
 // that are no text in the named encoding, no memory) is returned as null.
@@ -73,7 +61,4 @@ const char* CFStringGetCStringPtr(CFStringRef theString, CFStringEncoding encodi
 Boolean CFStringGetCString(CFStringRef theString, char* buffer, CFIndex bufferSize,
                            CFStringEncoding encoding);
 
-// Reference counting for the string objects above. Unlike the real one, CFRelease
-// ignores null so that cleanup paths need no checks.
-CFTypeRef CFRetain(CFTypeRef cf);
-void CFRelease(CFTypeRef cf);
+CFTypeID CFStringGetTypeID();

@@ -6,24 +6,14 @@
 #include <cstdint>
 #include <memory>
 
+#include <Foundation/NSObjCRuntime.h>
+#include <Foundation/NSObject.h>
 #include <objc/objc.h>
-
-typedef long NSInteger;
-typedef unsigned long NSUInteger;
 
 struct NSOperatingSystemVersion {
     NSInteger majorVersion;
     NSInteger minorVersion;
     NSInteger patchVersion;
-};
-
-// The target of an invocation: anything that can perform a selector into a return buffer.
-class NSObject {
-  public:
-    virtual ~NSObject() = default;
-    // Writes the method's return value (at most `size` bytes); false for an unknown
-    // selector.
-    virtual bool performSelector(SEL selector, void* returnValue, size_t size) = 0;
 };
 
 class NSMethodSignature {
