@@ -11,6 +11,7 @@ namespace {
 std::atomic<uint64_t> g_nowUs{0};
 std::atomic<uint64_t> g_sleepCalls{0};
 std::atomic<uint64_t> g_sleptUs{0};
+std::function<void()> g_beforeSleep;
 
 time_t v_time(time_t* out) {
     const time_t t = static_cast<time_t>(g_nowUs.load() / 1000000);
@@ -18,12 +19,14 @@ time_t v_time(time_t* out) {
     return t;
 }
 unsigned v_sleep(unsigned seconds) {
+    if (g_beforeSleep) g_beforeSleep();
     g_sleepCalls++;
     g_sleptUs += seconds * 1000000ull;
     g_nowUs += seconds * 1000000ull;
     return 0;
 }
 int v_usleep(useconds_t micros) {
+    if (g_beforeSleep) g_beforeSleep();
     g_sleepCalls++;
     g_sleptUs += micros;
     g_nowUs += micros;
@@ -41,6 +44,10 @@ VirtualClock::VirtualClock(time_t start) {
 }
 VirtualClock::~VirtualClock() {
     platform::set_clock(nullptr);
+    g_beforeSleep = nullptr;
+}
+void VirtualClock::set_before_sleep(std::function<void()> hook) {
+    g_beforeSleep = std::move(hook);
 }
 void VirtualClock::advance_us(uint64_t micros) {
     g_nowUs += micros;

@@ -1,0 +1,212 @@
+// The overlay window as shown on the desktop, the view's answers to drags, the promised-
+// files drag a click starts, and the scale factor.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include <AppKit/AppKit.h>
+#include <CoreFoundation/CoreFoundation.h>
+
+#include "support/main_loop.h"
+#include "support/private_root.h"
+#include "ui/drag_test_support.h"
+#include "ui/overlay.h"
+#include "ui/view.h"
+
+namespace qvx {
+namespace {
+
+using Strings = std::vector<std::string>;
+
+// Runs `work` on the main thread through post_to_main and waits for it.
+void on_main(std::function<void()> work) {
+    qvxtest::with_main_loop([&] {
+        post_to_main(work);
+        qvxtest::settle();
+    });
+}
+
+// A drag's information with a pasteboard that carries only what the test puts there.
+class FakeDrag : public NSDraggingInfo {
+  public:
+    NSPasteboard board;
+    NSPasteboard* draggingPasteboard() override { return &board; }
+    NSPoint draggingLocation() override { return {}; }
+    id draggingSource() override { return nil; }
+    NSDragOperation draggingSourceOperationMask() override { return NSDragOperationEvery; }
+    NSWindow* draggingDestinationWindow() override { return nullptr; }
+    NSInteger draggingSequenceNumber() override { return 1; }
+
+    void carry_files(const Strings& paths) {
+        board.declareTypes(NSArray::arrayWithObjects({NSFilenamesPboardType}).get(), nil);
+        std::vector<CFTypeRef> strings;
+        for (const auto& p : paths)
+            strings.push_back(CFStringCreateWithCString(nullptr, p.c_str(), kCFStringEncodingUTF8));
+        board.setPropertyList(NSArray::arrayWithArray(strings), NSFilenamesPboardType);
+        for (CFTypeRef s : strings) CFRelease(s);
+    }
+};
+
+Strings dragged() {
+    pthread_mutex_lock(&g_globalMutex);
+    Strings copy = draggedPaths;
+    pthread_mutex_unlock(&g_globalMutex);
+    return copy;
+}
+
+class OverlayTest : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        qvxtest::private_platform_root();
+        init_global_mutex();
+    }
+    void SetUp() override {
+        platform::desktop_reset();
+        clear_dragged_paths();
+    }
+    void TearDown() override {
+        on_main([] { hide_overlay(); });
+        platform::run_loop_reset(CFRunLoopGetMain());
+        platform::desktop_reset();
+    }
+};
+
+TEST_F(OverlayTest, ShownWindowIsTransparentTakesThePointerAndIsReusedWithTheNewWorker) {
+    on_main([] { show_overlay(300, 400, 11); });
+    NSWindow* window = overlayWindow.load();
+    ASSERT_NE(window, nullptr);
+    const NSInteger number = overlayWindowNumber.load();
+    EXPECT_EQ(window->windowNumber(), number);
+    EXPECT_EQ(window->styleMask(), 6u);
+    EXPECT_EQ(window->backingType(), NSBackingStoreBuffered);
+    EXPECT_EQ(window->level(), 26);
+    EXPECT_EQ(window->alphaValue(), 0.0);
+    EXPECT_FALSE(window->hasShadow());
+    EXPECT_FALSE(window->ignoresMouseEvents());
+    EXPECT_GE(window->displayCount(), 1u);
+    auto* view = dynamic_cast<CView*>(window->contentView());
+    ASSERT_NE(view, nullptr);
+    EXPECT_EQ(view->worker(), 11u);
+    EXPECT_EQ(view->autoresizingMask(), 18u);
+    const auto info = platform::window(number);
+    ASSERT_TRUE(info);
+    EXPECT_TRUE(info->onscreen);
+    EXPECT_TRUE(info->attributes.takesPointer);
+    EXPECT_EQ(info->attributes.frame.origin.x, 200);
+    EXPECT_EQ(info->attributes.frame.origin.y, 300);
+    EXPECT_EQ(info->attributes.frame.size.width, 200);
+    EXPECT_EQ(info->attributes.draggedTypes,
+              (Strings{"NSColorPboardType", "NSFilenamesPboardType"}));
+    EXPECT_EQ(std::get<int64_t>(info->properties.at(kOverlayPropertyKey)), 1);
+
+    filesDropped = 1;
+    dragEnded = 1;
+    on_main([] {
+        hide_overlay();
+        show_overlay(900, 100, 12);
+    });
+    EXPECT_EQ(overlayWindow.load(), window);
+    EXPECT_EQ(overlayWindowNumber.load(), number);
+    EXPECT_EQ(view->worker(), 12u);
+    EXPECT_EQ(filesDropped.load(), 0);
+    EXPECT_EQ(dragEnded.load(), 0);
+    EXPECT_TRUE(platform::window(number)->onscreen);
+    EXPECT_EQ(platform::window(number)->attributes.frame.origin.x, 800);
+
+    on_main([] { move_overlay(50, 60); });
+    EXPECT_EQ(platform::window(number)->attributes.frame.origin.y, -40);
+    on_main([] { hide_overlay(); });
+    EXPECT_FALSE(platform::window(number)->onscreen);
+}
+
+TEST_F(OverlayTest, ViewTakesFileNamesInPasteboardOrderAndRefusesOtherDrags) {
+    CView view;
+    FakeDrag files;
+    files.carry_files({"/g/one", "/g/zwei", "/g/tr\xC3\xA8s"});
+    EXPECT_EQ(view.draggingEntered(&files), NSDragOperationCopy);
+    EXPECT_EQ(dragged(), (Strings{"/g/one", "/g/zwei", "/g/tr\xC3\xA8s"}));
+    view.draggingExited(&files);
+    EXPECT_TRUE(dragged().empty());
+
+    // A colour, or a file list without entries, gets no operation and clears the list.
+    view.draggingEntered(&files);
+    FakeDrag colour;
+    colour.board.declareTypes(NSArray::arrayWithObjects({NSColorPboardType}).get(), nil);
+    EXPECT_EQ(view.draggingEntered(&colour), NSDragOperationNone);
+    EXPECT_TRUE(dragged().empty());
+    FakeDrag none;
+    none.carry_files({});
+    EXPECT_EQ(view.draggingEntered(&none), NSDragOperationNone);
+
+    view.draggingEntered(&files);
+    view.setWorker(3);
+    EXPECT_EQ(dragEnded.load(), 0);
+    view.draggingEnded(&files);
+    EXPECT_EQ(dragEnded.load(), 1);
+    EXPECT_TRUE(dragged().empty());
+}
+
+TEST_F(OverlayTest, ClickStartsAOnePointPromiseDragAndADropOnAFolderStartsOneReceiveJob) {
+    qvxtest::ScriptedHost host;
+    DnDPool pool(nullptr, host.send());
+    ASSERT_TRUE(pool.Init());
+    qvxtest::JobRecorder::install(pool);
+    g_dragPool = &pool;
+    platform::open_folder_window("/guest/Desktop", NSMakeRect(1000, 0, 400, 300), true);
+
+    qvxtest::with_main_loop([&] {
+        post_to_main([] { show_overlay(720, 450, 42); });
+        auto [x, y] = qvxtest::pixels_of(725, 455);
+        platform::post_pointer_event(x, y, 1);
+        qvxtest::settle();
+        const auto drag = platform::current_drag();
+        ASSERT_TRUE(drag);
+        EXPECT_TRUE(drag->ownedByTool);
+        EXPECT_EQ(drag->source, overlayWindowNumber.load());
+        EXPECT_EQ(drag->types, Strings{"NSFilesPromisePboardType"});
+        EXPECT_EQ(drag->image.width, 1.0);
+        EXPECT_EQ(drag->image.height, 1.0);
+        EXPECT_EQ(drag->over, 0);  // the overlay does not take promises
+        std::tie(x, y) = qvxtest::pixels_of(1200, 100);
+        platform::post_pointer_event(x, y, 1);
+        platform::post_pointer_event(x, y, 0);
+        qvxtest::settle();
+    });
+    pool.Stop();
+    g_dragPool = nullptr;
+    pool.Destroy();
+    const auto jobs = qvxtest::JobRecorder::started();
+    qvxtest::JobRecorder::release();
+
+    EXPECT_EQ(filesDropped.load(), 1);
+    ASSERT_EQ(jobs.size(), 1u);
+    EXPECT_EQ(jobs[0].direction, kDirectionReceive);
+    EXPECT_EQ(jobs[0].workerId, 42u);
+    EXPECT_EQ(jobs[0].destination, "/guest/Desktop");
+    EXPECT_TRUE(host.sent().empty());
+}
+
+// The capability is asked once per process, so each case runs in a process of its own.
+TEST(ScaleFactor, ScreenWithoutScaleGivesOneForTheLifeOfTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            qvxtest::private_platform_root();
+            platform::set_screens({{0, 0, 800, 600, std::nullopt}});
+            const bool first = backing_scale_factor() == 1.0;
+            platform::set_screens({{0, 0, 800, 600, 2.0}});
+            std::exit(first && backing_scale_factor() == 1.0 ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(
+        {
+            qvxtest::private_platform_root();
+            const bool first = backing_scale_factor() == 2.0;
+            platform::set_screens({{0, 0, 800, 600, 3.0}});
+            std::exit(first && backing_scale_factor() == 3.0 ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
+}  // namespace qvx
