@@ -1,7 +1,9 @@
-// qvxhost: runs the simulated host on a platform root until SIGINT or SIGTERM.
+// qvxhost: runs the simulated host on a platform root until SIGINT or SIGTERM, playing the
+// host's part of drops into the guest and of guest drags that reach the host.
 #include <signal.h>
 
 #include <chrono>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -11,6 +13,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "hostsim/drag_player.h"
 #include "hostsim/host.h"
 #include "hostsim/progress.h"
 #include "hostsim/tree_sink.h"
@@ -37,6 +40,22 @@ std::vector<std::string> split(const std::string& text) {
     }
 }
 
+// copy, move or a number: the transfer action the reply to 258 carries. A move is the
+// host keeping the files and the guest deleting its own.
+bool parse_action(const std::string& text, uint32_t& out) {
+    uint64_t n = 0;
+    if (text == "copy") {
+        out = 0;
+    } else if (text == "move") {
+        out = 4;
+    } else if (parse_u64(text, n) && n <= UINT32_MAX) {
+        out = static_cast<uint32_t>(n);
+    } else {
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -58,6 +77,9 @@ int main(int argc, char** argv) {
     std::string onConflict = "stop";
     uint32_t fileListAction = 0;
     std::string progressStyle = "auto";
+    std::vector<std::string> drops;
+    std::vector<std::string> guestDrags;
+    uint32_t prepareValue = 0;
     app.add_option("--root", root, "Platform root (default: $QVX_PLATFORM_ROOT or /)");
     app.add_flag("--trace", trace, "Print each exchange as it happens");
     app.add_option("--command", commands, "Queue a host command CODE[:WORKER] (repeatable)");
@@ -92,6 +114,13 @@ int main(int argc, char** argv) {
                    "Transfer progress on stdout: auto (a bar on a terminal unless --trace, "
                    "else a line per item), bar, lines or off (summary lines only)")
         ->check(CLI::IsMember({"auto", "bar", "lines", "off"}));
+    app.add_option("--drop", drops,
+                   "Drop host items at host pixel X, Y once a file-manager window of the guest "
+                   "lies there: X:Y[:WORKER] (repeatable)");
+    app.add_option("--prepare-value", prepareValue, "The answer to 278 (0 lets drops go on)");
+    app.add_option("--guest-drag", guestDrags,
+                   "Take the next guest drag held at the edge of the guest's screens: "
+                   "WORKER:NEWWORKER[:copy|move|ACTION] (repeatable)");
     CLI11_PARSE(app, argc, argv);
 
     // Block the stop signals before any thread starts, so only sigwait below sees them.
@@ -163,6 +192,30 @@ int main(int argc, char** argv) {
             worker, hostsim::observe_progress(
                         progress, worker, hostsim::TransferDirection::HostToGuest,
                         [source](hostsim::Exchange& ex) { return source->answer(ex); }));
+    }
+    hostsim::DragPlayer player(host, root);
+    player.set_prepare_value(prepareValue);
+    for (const auto& d : drops) {
+        const auto parts = split(d);
+        uint64_t x = 0, y = 0, worker = 1;
+        if (parts.size() < 2 || parts.size() > 3 || !parse_u64(parts[0], x) ||
+            !parse_u64(parts[1], y) || (parts.size() == 3 && !parse_u64(parts[2], worker)) ||
+            x > UINT32_MAX || y > UINT32_MAX) {
+            std::fprintf(stderr, "qvxhost: bad --drop %s\n", d.c_str());
+            return 2;
+        }
+        player.drop({static_cast<uint32_t>(x), static_cast<uint32_t>(y), worker, true});
+    }
+    for (const auto& g : guestDrags) {
+        const auto parts = split(g);
+        hostsim::GuestDragPlan plan;
+        if (parts.size() < 2 || parts.size() > 3 || !parse_u64(parts[0], plan.workerId) ||
+            !parse_u64(parts[1], plan.newWorkerId) ||
+            (parts.size() == 3 && !parse_action(parts[2], plan.action))) {
+            std::fprintf(stderr, "qvxhost: bad --guest-drag %s\n", g.c_str());
+            return 2;
+        }
+        player.guest_drag(plan);
     }
     if (suspend) host.set_suspended(true);
     if (closeAt) host.close_at(closeAt);

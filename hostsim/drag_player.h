@@ -1,0 +1,67 @@
+// The host's part of both drags: a drop of host items at a guest point, and a guest drag
+// that reaches the host. The guest's pointer is driven, and its desktop watched, through
+// the desktop's control socket.
+//
+//   hostsim::Host host(options);
+//   hostsim::DragPlayer player(host, root);
+//   player.drop({.x = 200, .y = 400, .workerId = 7});   // host command 200 at once
+//   player.guest_drag({.workerId = 8, .newWorkerId = 9});  // 204 once a drag hits the edge
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "hostsim/host.h"
+
+namespace hostsim {
+
+struct DropPlan {
+    uint32_t x = 0;  // host pixels, as host command 200 carries them
+    uint32_t y = 0;
+    uint64_t workerId = 1;
+    // Queue the 200 only once an on-screen window of the file manager lies under the point,
+    // so that a script can open the window after starting the host.
+    bool whenWindowThere = false;
+};
+
+struct GuestDragPlan {
+    uint64_t workerId = 1;     // of the host command 204
+    uint64_t newWorkerId = 2;  // the reply to 258 assigns it to the transfer
+    uint32_t action = 0;       // 0 copy the files to the host, 4 delete them in the guest
+};
+
+// Handlers it installs on the host (replacing earlier ones for these commands):
+//   278  answered with the prepare value (0 lets the drop go on)
+//   275  turned into a "pointer" request: button state 0 releases, 1 and 2 hold
+//   258  answered with the armed guest drag's new worker id and action
+//   273  releases the guest's pointer where it is, which ends the guest's drag
+// What it does with the desktop shows in the host's trace as "desktop ..." notes.
+class DragPlayer {
+  public:
+    // `root` is the platform root whose desktop socket to use; empty: the process's root.
+    DragPlayer(Host& host, const std::string& root = {});
+    ~DragPlayer();
+    DragPlayer(const DragPlayer&) = delete;
+    DragPlayer& operator=(const DragPlayer&) = delete;
+
+    void set_prepare_value(uint32_t value);
+    // Plays a drop: queues host command 200 (now, or once a window is there).
+    void drop(const DropPlan& plan);
+    // Arms a guest drag: once the guest's pointer is held at the edge of its screens
+    // during a drag, queues host command 204. Plans are used one per drag, in order.
+    void guest_drag(const GuestDragPlan& plan);
+    // Plans not yet played.
+    size_t pending() const;
+
+  private:
+    struct State;
+    void watch();
+
+    Host& m_host;
+    std::shared_ptr<State> m_state;
+    std::thread m_watcher;
+};
+
+}  // namespace hostsim
