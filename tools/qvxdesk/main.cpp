@@ -61,6 +61,8 @@ int main(int argc, char** argv) {
     app.add_option("--patience", patience, "Seconds to wait for the desktop to appear");
 
     auto* state = app.add_subcommand("state", "Print the desktop's state as JSON");
+    std::string part;
+    state->add_option("part", part, "Only this member (pointer, windows, drag, last_drop, ...)");
 
     auto* open = app.add_subcommand("open", "Open a file-manager window; prints its number");
     std::string folder;
@@ -123,7 +125,15 @@ int main(int argc, char** argv) {
     }
 
     if (state->parsed()) {
-        std::printf("%s\n", desk.state().dump(2).c_str());
+        const json s = desk.state();
+        if (part.empty()) {
+            std::printf("%s\n", s.dump(2).c_str());
+        } else if (s.contains(part)) {
+            std::printf("%s\n", s[part].dump().c_str());
+        } else {
+            std::fprintf(stderr, "qvxdesk: the state has no %s\n", part.c_str());
+            return 1;
+        }
     } else if (open->parsed()) {
         const json reply = desk.ask({{"op", "open_folder"},
                                      {"folder", folder},
