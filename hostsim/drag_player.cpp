@@ -3,6 +3,7 @@
 #include "hostsim/drag_player.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cinttypes>
 #include <condition_variable>
@@ -113,7 +114,56 @@ struct DragPlayer::State {
         else
             note("desktop unreachable: pointer not moved");
     }
+
+    // The drag's own messages; nothing for the others.
+    std::optional<uint32_t> answer_drag(Exchange& ex) {
+        switch (ex.command) {
+            case dnd::kCmdQueryPrepare: {
+                std::lock_guard lock(mutex);
+                le::put32(ex.reply.data(), dnd::kOffPrepareValue, prepareValue);
+                return 0u;
+            }
+            case dnd::kCmd279:
+                return 0u;
+            case dnd::kCmdMoveMouse: {
+                const uint32_t x = le::get32(ex.request.data(), dnd::kOffPointerX);
+                const uint32_t y = le::get32(ex.request.data(), dnd::kOffPointerY);
+                const uint32_t state = le::get32(ex.request.data(), dnd::kOffPointerButtons);
+                pointer(x, y, state == 0 ? 0 : 1);
+                return 0u;
+            }
+            case dnd::kCmd273: {
+                // The host has the drag now: the guest's button goes up where the pointer is.
+                const auto state = request({{"op", "state"}});
+                if (state && state->value("ok", false)) {
+                    const auto& p = (*state)["pointer"];
+                    pointer(static_cast<uint32_t>(p[0].get<double>()),
+                            static_cast<uint32_t>(p[1].get<double>()), 0);
+                } else {
+                    note("desktop unreachable: pointer not released");
+                }
+                std::lock_guard lock(mutex);
+                current.reset();
+                return 0u;
+            }
+            default:
+                return std::nullopt;
+        }
+    }
 };
+
+Handler DragPlayer::operation_handler(std::weak_ptr<State> weak, Handler transfer) {
+    // A drop's operation sees 280 twice, from the drag handler and from the receive job,
+    // in either order; the transfer is shown only the first, which always comes before
+    // the receive's other messages.
+    auto seen280 = std::make_shared<std::atomic<bool>>(false);
+    return [weak, transfer = std::move(transfer), seen280](Exchange& ex) -> uint32_t {
+        if (auto s = weak.lock())
+            if (auto status = s->answer_drag(ex)) return *status;
+        if (ex.command == dnd::kCmdTransferStart && seen280->exchange(true)) return 0u;
+        return transfer ? transfer(ex) : 0u;
+    };
+}
 
 DragPlayer::DragPlayer(Host& host, const std::string& root)
     : m_host(host), m_state(std::make_shared<State>()) {
@@ -123,20 +173,11 @@ DragPlayer::DragPlayer(Host& host, const std::string& root)
     m_watcher = std::thread([this] { watch(); });
     std::weak_ptr<State> weak = m_state;
 
-    host.set_handler(dnd::kCmdQueryPrepare, [weak](Exchange& ex) {
-        if (auto s = weak.lock()) {
-            std::lock_guard lock(s->mutex);
-            le::put32(ex.reply.data(), dnd::kOffPrepareValue, s->prepareValue);
-        }
-        return 0u;
-    });
-    host.set_handler(dnd::kCmdMoveMouse, [weak](Exchange& ex) {
-        const uint32_t x = le::get32(ex.request.data(), dnd::kOffPointerX);
-        const uint32_t y = le::get32(ex.request.data(), dnd::kOffPointerY);
-        const uint32_t state = le::get32(ex.request.data(), dnd::kOffPointerButtons);
-        if (auto s = weak.lock()) s->pointer(x, y, state == 0 ? 0 : 1);
-        return 0u;
-    });
+    for (uint32_t command : {dnd::kCmdQueryPrepare, dnd::kCmdMoveMouse, dnd::kCmd273})
+        host.set_handler(command, [weak](Exchange& ex) {
+            auto s = weak.lock();
+            return s ? s->answer_drag(ex).value_or(0u) : 0u;
+        });
     host.set_handler(dnd::kCmdFileList, [weak](Exchange& ex) {
         GuestDragPlan plan;
         if (auto s = weak.lock()) {
@@ -145,22 +186,6 @@ DragPlayer::DragPlayer(Host& host, const std::string& root)
         }
         le::put64(ex.reply.data(), dnd::kOffWorkerId, plan.newWorkerId);
         le::put32(ex.reply.data(), dnd::kOffReplyAction, plan.action);
-        return 0u;
-    });
-    host.set_handler(dnd::kCmd273, [weak](Exchange&) {
-        auto s = weak.lock();
-        if (!s) return 0u;
-        // The host has the drag now: the guest's button goes up where the pointer is.
-        const auto state = s->request({{"op", "state"}});
-        if (state && state->value("ok", false)) {
-            const auto& p = (*state)["pointer"];
-            s->pointer(static_cast<uint32_t>(p[0].get<double>()),
-                       static_cast<uint32_t>(p[1].get<double>()), 0);
-        } else {
-            s->note("desktop unreachable: pointer not released");
-        }
-        std::lock_guard lock(s->mutex);
-        s->current.reset();
         return 0u;
     });
 }
@@ -180,6 +205,7 @@ void DragPlayer::set_prepare_value(uint32_t value) {
 }
 
 void DragPlayer::drop(const DropPlan& plan) {
+    m_host.set_worker_handler(plan.workerId, operation_handler(m_state, plan.transfer));
     if (!plan.whenWindowThere) {
         m_host.queue_command(HostCommand::drop(plan.x, plan.y, plan.workerId));
         return;
@@ -192,6 +218,7 @@ void DragPlayer::drop(const DropPlan& plan) {
 }
 
 void DragPlayer::guest_drag(const GuestDragPlan& plan) {
+    m_host.set_worker_handler(plan.newWorkerId, operation_handler(m_state, plan.transfer));
     {
         std::lock_guard lock(m_state->mutex);
         m_state->guests.push_back(plan);
@@ -226,8 +253,8 @@ void DragPlayer::watch() {
             while (!s.drops.empty() && window_at(*state, s.drops.front().x, s.drops.front().y)) {
                 const DropPlan plan = s.drops.front();
                 s.drops.pop_front();
-                m_host.queue_command(HostCommand::drop(plan.x, plan.y, plan.workerId));
                 s.note(format("desktop has a window at x=%u y=%u: drop queued", plan.x, plan.y));
+                m_host.queue_command(HostCommand::drop(plan.x, plan.y, plan.workerId));
             }
             const auto box = screen_box(*state);
             const auto& p = (*state)["pointer"];
@@ -243,9 +270,9 @@ void DragPlayer::watch() {
             if (edge && !atEdge && !s.guests.empty() && !s.current) {
                 s.current = s.guests.front();
                 s.guests.pop_front();
-                m_host.queue_command(dnd::kHostCmdGuestToHost, s.current->workerId);
                 s.note(format("desktop drag reached the host at x=%.0f y=%.0f: 204 queued",
                               p[0].get<double>(), p[1].get<double>()));
+                m_host.queue_command(dnd::kHostCmdGuestToHost, s.current->workerId);
             }
             atEdge = edge;
         } else {

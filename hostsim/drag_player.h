@@ -4,8 +4,13 @@
 //
 //   hostsim::Host host(options);
 //   hostsim::DragPlayer player(host, root);
-//   player.drop({.x = 200, .y = 400, .workerId = 7});   // host command 200 at once
-//   player.guest_drag({.workerId = 8, .newWorkerId = 9});  // 204 once a drag hits the edge
+//   hostsim::DropPlan drop;                  // host command 200 at once, at host pixels
+//   drop.x = 200, drop.y = 400, drop.workerId = 7;
+//   drop.transfer = [source](hostsim::Exchange& ex) { return source->answer(ex); };
+//   player.drop(drop);
+//   hostsim::GuestDragPlan out;              // 204 once a held drag reaches the edge
+//   out.workerId = 8, out.newWorkerId = 9;
+//   player.guest_drag(out);
 #pragma once
 
 #include <cstdint>
@@ -24,20 +29,28 @@ struct DropPlan {
     // Queue the 200 only once an on-screen window of the file manager lies under the point,
     // so that a script can open the window after starting the host.
     bool whenWindowThere = false;
+    // Answers the operation's other messages, those of the receive job the drop starts
+    // (e.g. a TreeSource's answer); none: status 0.
+    Handler transfer;
 };
 
 struct GuestDragPlan {
     uint64_t workerId = 1;     // of the host command 204
     uint64_t newWorkerId = 2;  // the reply to 258 assigns it to the transfer
     uint32_t action = 0;       // 0 copy the files to the host, 4 delete them in the guest
+    // Answers the new worker's other messages, those of the send job; none: status 0.
+    Handler transfer;
 };
 
-// Handlers it installs on the host (replacing earlier ones for these commands):
-//   278  answered with the prepare value (0 lets the drop go on)
+// What it answers (replacing earlier command handlers for these commands):
+//   278  with the prepare value (0 lets the drop go on)
 //   275  turned into a "pointer" request: button state 0 releases, 1 and 2 hold
-//   258  answered with the armed guest drag's new worker id and action
+//   258  with the armed guest drag's new worker id and action
 //   273  releases the guest's pointer where it is, which ends the guest's drag
-// What it does with the desktop shows in the host's trace as "desktop ..." notes.
+// A planned drop's worker, and an armed guest drag's new worker, get a worker handler
+// that answers these and passes the rest of the operation to the plan's `transfer` (of a
+// drop's two 280s, the first); set no other worker handler for them. What it does with the desktop
+// shows in the host's trace as "desktop ..." notes.
 class DragPlayer {
   public:
     // `root` is the platform root whose desktop socket to use; empty: the process's root.
@@ -57,6 +70,9 @@ class DragPlayer {
 
   private:
     struct State;
+    // The worker handler of one drag's operation: the drag's messages here, the rest to
+    // the transfer.
+    static Handler operation_handler(std::weak_ptr<State> weak, Handler transfer);
     void watch();
 
     Host& m_host;

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <mutex>
 #include <thread>
 
 #include "channel/dnd_message.h"
@@ -75,7 +76,19 @@ TEST_F(DragPlayerTest, DropWaitsForAWindowAndPointerMessagesMoveTheGuestPointer)
     EXPECT_TRUE(m_host.trace().contains("desktop pointer x=300 y=200 buttons=0"));
 
     // Host pixels (400, 1200) are the point (200, 300): nothing there yet.
-    player.drop({400, 1200, 5, true});
+    std::mutex mutex;
+    std::vector<uint32_t> passedOn;  // by the host's connection thread
+    hostsim::DropPlan plan;
+    plan.x = 400;
+    plan.y = 1200;
+    plan.workerId = 5;
+    plan.whenWindowThere = true;
+    plan.transfer = [&](hostsim::Exchange& ex) {
+        std::lock_guard lock(mutex);
+        passedOn.push_back(ex.command);
+        return 0u;
+    };
+    player.drop(plan);
     std::this_thread::sleep_for(100ms);
     EXPECT_EQ(m_host.queued_commands(), 0u);
     platform::open_folder_window("/elsewhere", NSMakeRect(600, 0, 100, 100), true);
@@ -85,11 +98,24 @@ TEST_F(DragPlayerTest, DropWaitsForAWindowAndPointerMessagesMoveTheGuestPointer)
     ASSERT_TRUE(eventually([&] { return m_host.queued_commands() == 1; }));
     EXPECT_EQ(poll(), dnd::kHostCmdHostToGuest);
     EXPECT_EQ(player.pending(), 0u);
+
+    // The drop's operation: the drag's messages stay with the player, the receive's go to
+    // the transfer, which sees only the first of the two 280s.
+    EXPECT_TRUE(qvx::QueryPrepare(context(5), &value));
+    EXPECT_TRUE(qvx::SendPlain(context(5), dnd::kCmdTransferStart));
+    EXPECT_TRUE(qvx::SendPlain(context(5), dnd::kCmdTransferStart));
+    EXPECT_TRUE(qvx::QueryTransferTotals(context(5), nullptr, nullptr));
+    std::lock_guard lock(mutex);
+    EXPECT_EQ(passedOn, (std::vector<uint32_t>{dnd::kCmdTransferStart, dnd::kCmdQueryTotals}));
 }
 
 TEST_F(DragPlayerTest, GuestDragAtTheEdgeIsTakenOnceAndReleasedAtHandOver) {
     hostsim::DragPlayer player(m_host);
-    player.guest_drag({8, 9, dnd::kActionDelete});
+    hostsim::GuestDragPlan plan;
+    plan.workerId = 8;
+    plan.newWorkerId = 9;
+    plan.action = dnd::kActionDelete;
+    player.guest_drag(plan);
     const NSInteger folder = platform::open_folder_window("/g", NSMakeRect(0, 0, 300, 300), true);
     platform::select_in_window(folder, {platform::Selection::Kind::Paths, {"/g/a"}, {}});
 

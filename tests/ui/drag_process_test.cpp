@@ -12,6 +12,7 @@
 
 #include "hostsim/drag_player.h"
 #include "hostsim/host.h"
+#include "hostsim/tree_source.h"
 #include "platform/sim/desktop_client.h"
 #include "support/temp_dir.h"
 
@@ -29,6 +30,8 @@ class DragProcessTest : public ::testing::Test {
         qvxtest::write_file(m_root / "guest/out/a.txt", "alpha");
         qvxtest::write_file(m_root / "guest/out/b.txt", "beta");
         qvxtest::make_dirs(m_root / "guest/in");
+        qvxtest::write_file(m_root / "host/out/hello.txt", "from the host");
+        qvxtest::write_file(m_root / "host/out/photos/beach.jpg", "not really a picture");
         hostsim::HostOptions options;
         options.root = m_root.path();
         m_host = std::make_unique<hostsim::Host>(options);
@@ -113,13 +116,22 @@ class DragProcessTest : public ::testing::Test {
     pid_t m_pid = -1;
 };
 
-TEST_F(DragProcessTest, HostDropLandsOnTheFolderWindowAndStartsItsReceiveJob) {
+TEST_F(DragProcessTest, HostDropLandsOnTheFolderWindowAndItsReceiveJobFillsIt) {
     const std::string folder = m_root / "guest/in";
     const json opened =
         ask({{"op", "open_folder"}, {"folder", folder}, {"frame", {0, 0, 500, 400}}});
+    std::vector<hostsim::SourceItem> items;
+    ASSERT_TRUE(hostsim::list_folder(m_root / "host/out", items));
+    auto source = std::make_shared<hostsim::TreeSource>(std::move(items));
     // Host pixels (400, 1200) at scale 2 are the point (200, 300) of the window system.
-    m_player->drop({400, 1200, 7, false});
-    ASSERT_TRUE(m_host->trace().wait_for_line("guest->host 260 end worker=7", 20s));
+    hostsim::DropPlan plan;
+    plan.x = 400;
+    plan.y = 1200;
+    plan.workerId = 7;
+    plan.transfer = [source](hostsim::Exchange& ex) { return source->answer(ex); };
+    m_player->drop(plan);
+    // The receive job's end, answered by the tree source.
+    ASSERT_TRUE(m_host->trace().wait_for_line("host->guest 260 status=0 worker=7", 20s));
     ASSERT_TRUE(m_host->trace().wait_for_line("guest->host 280 transfer-start worker=7", 5s));
 
     // The handler's 280 and the receive job's messages come from two threads, in either
@@ -131,6 +143,9 @@ TEST_F(DragProcessTest, HostDropLandsOnTheFolderWindowAndStartsItsReceiveJob) {
                        "275 x=402 y=1200 buttons=2", "275 x=400 y=1200 buttons=2",
                        "275 x=400 y=1200 buttons=0"}));
     for (size_t i = 7; i < sent.size(); ++i) EXPECT_NE(sent[i].rfind("275", 0), 0u) << sent[i];
+    EXPECT_EQ(qvxtest::read_file(folder + "/hello.txt"), "from the host");
+    EXPECT_EQ(qvxtest::read_file(folder + "/photos/beach.jpg"), "not really a picture");
+    EXPECT_EQ(source->ends(), 1u);
     const json state = ask({{"op", "state"}});
     EXPECT_EQ(state["last_drop"]["window"], opened["window"]);
     EXPECT_EQ(state["last_drop"]["folder"], folder);
@@ -146,7 +161,10 @@ TEST_F(DragProcessTest, GuestDragOutReachesTheHostWithTheSelectedPaths) {
     const json opened = ask(
         {{"op", "open_folder"}, {"folder", m_root / "guest/out"}, {"frame", {700, 300, 400, 300}}});
     ask({{"op", "select"}, {"window", opened["window"]}, {"paths", {a, b}}});
-    m_player->guest_drag({8, 9, 0});
+    hostsim::GuestDragPlan plan;
+    plan.workerId = 8;
+    plan.newWorkerId = 9;
+    m_player->guest_drag(plan);
     // The user presses in the window and drags to the screen's right edge.
     ask({{"op", "pointer"}, {"x", 1800}, {"y", 700}, {"buttons", 1}});
     ask({{"op", "pointer"}, {"x", 1e7}, {"y", 700}, {"buttons", 1}});

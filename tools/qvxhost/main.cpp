@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -173,6 +174,7 @@ int main(int argc, char** argv) {
     hostsim::ProgressBoard progress(stdout, style);
 
     hostsim::SourcePolicy policy;
+    std::map<uint64_t, std::shared_ptr<hostsim::TreeSource>> sources;
     policy.onExists = onExists == "replace" ? 101 : onExists == "skip" ? 102 : 9;
     policy.onFailure = onFailure == "skip" ? 102 : 9;
     for (const auto& t : trees) {
@@ -187,11 +189,7 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "qvxhost: cannot list %s\n", t.substr(colon + 1).c_str());
             return 1;
         }
-        auto source = std::make_shared<hostsim::TreeSource>(std::move(items), policy);
-        host.set_worker_handler(
-            worker, hostsim::observe_progress(
-                        progress, worker, hostsim::TransferDirection::HostToGuest,
-                        [source](hostsim::Exchange& ex) { return source->answer(ex); }));
+        sources[worker] = std::make_shared<hostsim::TreeSource>(std::move(items), policy);
     }
     hostsim::DragPlayer player(host, root);
     player.set_prepare_value(prepareValue);
@@ -204,7 +202,25 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "qvxhost: bad --drop %s\n", d.c_str());
             return 2;
         }
-        player.drop({static_cast<uint32_t>(x), static_cast<uint32_t>(y), worker, true});
+        hostsim::DropPlan plan;
+        plan.x = static_cast<uint32_t>(x);
+        plan.y = static_cast<uint32_t>(y);
+        plan.workerId = worker;
+        plan.whenWindowThere = true;
+        // The drop's operation is also the receive's: the player passes it the transfer.
+        if (auto it = sources.find(worker); it != sources.end()) {
+            plan.transfer = hostsim::observe_progress(
+                progress, worker, hostsim::TransferDirection::HostToGuest,
+                [source = it->second](hostsim::Exchange& ex) { return source->answer(ex); });
+            sources.erase(it);
+        }
+        player.drop(plan);
+    }
+    for (auto& [worker, source] : sources) {
+        host.set_worker_handler(
+            worker, hostsim::observe_progress(
+                        progress, worker, hostsim::TransferDirection::HostToGuest,
+                        [source](hostsim::Exchange& ex) { return source->answer(ex); }));
     }
     for (const auto& g : guestDrags) {
         const auto parts = split(g);
