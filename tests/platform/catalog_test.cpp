@@ -126,6 +126,41 @@ TEST(Catalog, FileAndFolderRoundTripEveryField) {
     }
 }
 
+// Our attributes are found among many others (a list longer than one read takes), and
+// a kernel that takes no empty path for times and mode gets them through /proc.
+TEST(Catalog, AttributesAmongManyAndCallsWithoutEmptyPaths) {
+    TempDir dir;
+    qvxtest::write_file(dir / "f", "");
+    const std::string path = dir / "f";
+    for (int i = 0; i < 40; ++i) {
+        const std::string name = "user.other.attribute.with.a.long.name." + std::to_string(i);
+        ASSERT_EQ(::setxattr(path.c_str(), name.c_str(), "x", 1, 0), 0);
+    }
+    FSRef ref;
+    ASSERT_EQ(make_ref(path, &ref), noErr);
+    const FSCatalogInfo values = new_values();
+    ASSERT_EQ(FSSetCatalogInfo(&ref, kWritable, &values), noErr);
+    expect_new_values(info_of(ref), S_IFREG);
+
+    qvxtest::FaultScope faults;
+    faults.table().utimensat = [](int d, const char* n, const struct timespec t[2], int f) {
+        if (f & AT_EMPTY_PATH) return errno = EINVAL, -1;
+        return platform::real_syscalls()->utimensat(d, n, t, f);
+    };
+    faults.table().fchmodat = [](int d, const char* n, mode_t m, int f) {
+        if (f & AT_EMPTY_PATH) return errno = ENOSYS, -1;
+        return platform::real_syscalls()->fchmodat(d, n, m, f);
+    };
+    faults.install();
+    FSCatalogInfo other = values;
+    other.contentModDate = date(3'700'000'000);
+    other.permissions.mode = 0640;
+    ASSERT_EQ(FSSetCatalogInfo(&ref, kFSCatInfoContentMod | kFSCatInfoPermissions, &other), noErr);
+    const struct stat st = lstat_of(path);
+    EXPECT_EQ(st.st_mtim.tv_sec, 3'700'000'000 - 2'082'844'800);
+    EXPECT_EQ(st.st_mode & 07777, 0640u);
+}
+
 TEST(Catalog, LinkIsChangedItselfAndItsTargetNever) {
     TempDir dir;
     qvxtest::write_file(dir / "target", "t");

@@ -58,6 +58,16 @@ int real_openat2(int dirFd, const char* name, struct open_how* how, size_t size)
     return static_cast<int>(::syscall(SYS_openat2, dirFd, name, how, size));
 }
 
+// glibc's fchmodat refuses AT_EMPTY_PATH; the kernel's fchmodat2 (Linux 6.6) takes it.
+#ifndef SYS_fchmodat2
+#define SYS_fchmodat2 452
+#endif
+int real_fchmodat(int dirFd, const char* name, mode_t mode, int flags) {
+    if (flags & AT_EMPTY_PATH)
+        return static_cast<int>(::syscall(SYS_fchmodat2, dirFd, name, mode, flags));
+    return ::fchmodat(dirFd, name, mode, flags);
+}
+
 // Designated, so that a call added to the table cannot shift its neighbours.
 constexpr SyscallTable kReal{
     .open = real_open,
@@ -90,10 +100,11 @@ constexpr SyscallTable kReal{
     .free = real_free,
     .statx = ::statx,
     .utimensat = ::utimensat,
-    .fchmodat = ::fchmodat,
+    .fchmodat = real_fchmodat,
     .getxattr = ::getxattr,
     .setxattr = ::setxattr,
     .removexattr = ::removexattr,
+    .listxattr = ::listxattr,
     .readlinkat = ::readlinkat,
     .openat2 = real_openat2,
     .mkdirat = ::mkdirat,
@@ -289,6 +300,9 @@ int sys_setxattr(const char* path, const char* name, const void* value, size_t s
 }
 int sys_removexattr(const char* path, const char* name) {
     return fires(Sys::removexattr) ? -1 : table().removexattr(path, name);
+}
+ssize_t sys_listxattr(const char* path, char* list, size_t size) {
+    return fires(Sys::listxattr) ? -1 : table().listxattr(path, list, size);
 }
 ssize_t sys_readlinkat(int dirFd, const char* name, char* buffer, size_t size) {
     return fires(Sys::readlinkat) ? -1 : table().readlinkat(dirFd, name, buffer, size);

@@ -58,10 +58,13 @@ struct SyscallTable {
     void (*free)(void* block);
     int (*statx)(int dirFd, const char* name, int flags, unsigned mask, struct statx* sx);
     int (*utimensat)(int dirFd, const char* name, const struct timespec times[2], int flags);
+    // AT_EMPTY_PATH changes the object `dirFd` names, an O_PATH descriptor too; EINVAL or
+    // ENOSYS where the kernel cannot.
     int (*fchmodat)(int dirFd, const char* name, mode_t mode, int flags);
     ssize_t (*getxattr)(const char* path, const char* name, void* value, size_t size);
     int (*setxattr)(const char* path, const char* name, const void* value, size_t size, int flags);
     int (*removexattr)(const char* path, const char* name);
+    ssize_t (*listxattr)(const char* path, char* list, size_t size);
     ssize_t (*readlinkat)(int dirFd, const char* name, char* buffer, size_t size);
     // openat2 takes the kernel's struct open_how; ENOSYS where the kernel lacks it.
     int (*openat2)(int dirFd, const char* name, struct open_how* how, size_t size);
@@ -110,6 +113,7 @@ enum class Sys : uint8_t {
     getxattr,
     setxattr,
     removexattr,
+    listxattr,
     readlinkat,
     openat2,
     mkdirat,
@@ -167,6 +171,7 @@ int sys_fchmodat(int dirFd, const char* name, mode_t mode, int flags);
 ssize_t sys_getxattr(const char* path, const char* name, void* value, size_t size);
 int sys_setxattr(const char* path, const char* name, const void* value, size_t size, int flags);
 int sys_removexattr(const char* path, const char* name);
+ssize_t sys_listxattr(const char* path, char* list, size_t size);
 ssize_t sys_readlinkat(int dirFd, const char* name, char* buffer, size_t size);
 int sys_openat2(int dirFd, const char* name, struct open_how* how, size_t size);
 int sys_mkdirat(int dirFd, const char* name, mode_t mode);

@@ -109,6 +109,15 @@ class ObjectPath {
     char m_text[32];
 };
 
+// Calls `call` on the object itself (AT_EMPTY_PATH on its descriptor, which is cheap),
+// or through its /proc entry where the kernel takes no empty path for the call.
+template <typename Call>
+bool by_descriptor(int fd, const ObjectPath& path, Call call) {
+    if (call(fd, "", AT_EMPTY_PATH) == 0) return true;
+    if (errno != EINVAL && errno != ENOSYS) return false;
+    return call(AT_FDCWD, path.c_str(), 0) == 0;
+}
+
 // Linux keeps user attributes only on regular files and folders.
 bool holds_attributes(UInt32 format) {
     return format == S_IFREG || format == S_IFDIR;
@@ -140,11 +149,61 @@ bool put_attribute(const ObjectPath& path, const char* name, const uint8_t* valu
     return errno == EOPNOTSUPP;
 }
 
+// Which of our attributes an object has. Most items have none, and reaching an object
+// through its /proc entry costs more than the rest of a catalog read, so when several are
+// wanted one listing saves asking for each; a name not listed is absent.
+class AttributeNames {
+  public:
+    // Lists the object's attributes; false (errno set) when that failed in a way a read of
+    // each would have failed too.
+    bool list(const ObjectPath& path) {
+        const ssize_t n = platform::sys_listxattr(path.c_str(), m_names, sizeof m_names);
+        if (n >= 0) {
+            m_listed = true;
+            m_size = static_cast<size_t>(n);
+            return true;
+        }
+        // A long list is read name by name; a file system without user attributes has none.
+        if (errno == ERANGE) return true;
+        if (errno == EOPNOTSUPP) {
+            m_listed = true;
+            m_size = 0;
+            return true;
+        }
+        return false;
+    }
+    // False only when the listing shows the attribute is absent.
+    bool may_hold(const char* name) const {
+        if (!m_listed) return true;
+        const size_t length = std::strlen(name) + 1;
+        for (size_t at = 0; at < m_size;) {
+            const char* entry = m_names + at;
+            const size_t entryLength = strnlen(entry, m_size - at) + 1;
+            if (entryLength == length && std::memcmp(entry, name, length) == 0) return true;
+            at += entryLength;
+        }
+        return false;
+    }
+
+  private:
+    char m_names[1024];
+    size_t m_size = 0;
+    bool m_listed = false;  // false: not listed, every attribute may be there
+};
+
+// Reads an attribute the listing may show; an absent one reads as not present.
+bool get_listed(const ObjectPath& path, const AttributeNames& names, const char* name,
+                uint8_t* value, size_t size, bool* present) {
+    *present = false;
+    return !names.may_hold(name) || get_attribute(path, name, value, size, present);
+}
+
 // A flags word kept in an attribute; 0 where there is none.
-bool get_flags(const ObjectPath& path, bool kept, const char* name, UInt16* flags) {
+bool get_flags(const ObjectPath& path, const AttributeNames& names, bool kept, const char* name,
+               UInt16* flags) {
     uint8_t raw[2];
     bool present = false;
-    if (kept && !get_attribute(path, name, raw, sizeof raw, &present)) return false;
+    if (kept && !get_listed(path, names, name, raw, sizeof raw, &present)) return false;
     *flags = present ? le::get16(raw) : 0;
     return true;
 }
@@ -287,10 +346,15 @@ OSErr FSGetCatalogInfo(const FSRef* ref, FSCatalogInfoBitmap whichInfo, FSCatalo
     const bool kept = holds_attributes(sx.stx_mode & S_IFMT);
     const ObjectPath path(fd);
     FSCatalogInfo& info = *catalogInfo;
+    AttributeNames names;
+    constexpr FSCatalogInfoBitmap kFromAttributes =
+        kFSCatInfoNodeFlags | kFSCatInfoCreateDate | kFSCatInfoFinderInfo;
+    if (kept && __builtin_popcount(whichInfo & kFromAttributes) > 1 && !names.list(path))
+        return from_errno(errno);
 
     if (whichInfo & kFSCatInfoNodeFlags) {
         UInt16 flags = 0;
-        if (!get_flags(path, kept, kNodeFlagsName, &flags)) return from_errno(errno);
+        if (!get_flags(path, names, kept, kNodeFlagsName, &flags)) return from_errno(errno);
         info.nodeFlags = static_cast<UInt16>((flags & kFSNodeLockedMask) |
                                              (folder ? kFSNodeIsDirectoryMask : 0));
     }
@@ -300,7 +364,7 @@ OSErr FSGetCatalogInfo(const FSRef* ref, FSCatalogInfoBitmap whichInfo, FSCatalo
     if (whichInfo & kFSCatInfoCreateDate) {
         uint8_t raw[8];
         bool present = false;
-        if (kept && !get_attribute(path, kCreateTimeName, raw, sizeof raw, &present))
+        if (kept && !get_listed(path, names, kCreateTimeName, raw, sizeof raw, &present))
             return from_errno(errno);
         if (present)
             info.createDate = date_from_1904(le::get64(raw), 0);
@@ -315,7 +379,8 @@ OSErr FSGetCatalogInfo(const FSRef* ref, FSCatalogInfoBitmap whichInfo, FSCatalo
             FSPermissionInfo{sx.stx_uid, sx.stx_gid, 0, 0, static_cast<UInt16>(sx.stx_mode), 0};
     if (whichInfo & kFSCatInfoFinderInfo) {
         FileInfo finder{};
-        if (!get_flags(path, kept, kFinderFlagsName, &finder.finderFlags)) return from_errno(errno);
+        if (!get_flags(path, names, kept, kFinderFlagsName, &finder.finderFlags))
+            return from_errno(errno);
         std::memcpy(info.finderInfo, &finder, sizeof finder);
     }
     if (whichInfo & kFSCatInfoDataSizes) {
@@ -358,12 +423,16 @@ OSErr FSSetCatalogInfo(const FSRef* ref, FSCatalogInfoBitmap whichInfo,
         struct timespec times[2] = {{0, UTIME_OMIT}, {0, UTIME_OMIT}};
         if (whichInfo & kFSCatInfoAccessDate) times[0] = unix_from_date(info.accessDate);
         if (whichInfo & kFSCatInfoContentMod) times[1] = unix_from_date(info.contentModDate);
-        if (platform::sys_utimensat(AT_FDCWD, path.c_str(), times, 0) != 0)
+        if (!by_descriptor(fd, path, [&](int at, const char* name, int flags) {
+                return platform::sys_utimensat(at, name, times, flags);
+            }))
             return from_errno(errno);
     }
     // Linux cannot change a link's mode.
     if ((whichInfo & kFSCatInfoPermissions) && format != S_IFLNK &&
-        platform::sys_fchmodat(AT_FDCWD, path.c_str(), info.permissions.mode & 07777, 0) != 0)
+        !by_descriptor(fd, path, [&](int at, const char* name, int flags) {
+            return platform::sys_fchmodat(at, name, info.permissions.mode & 07777, flags);
+        }))
         return from_errno(errno);
     return noErr;
 }
