@@ -106,6 +106,7 @@ struct Host::Connection {
     std::thread thread;
     std::atomic<bool> done{false};
     std::atomic<bool> dropped{false};  // shut down by drop_connections, not by the guest
+    std::vector<uint8_t> buffers[toolgate::kMaxBuffers];  // the host's copies, reused
 };
 
 HostCommand HostCommand::drop(uint32_t x, uint32_t y, uint64_t workerId) {
@@ -237,34 +238,50 @@ void Host::reap_finished() {
 
 void Host::serve(std::shared_ptr<Connection> connection) {
     record_note(format("connection %" PRIu64 " opened", connection->id), connection->id);
-    toolgate::FrameReader reader;
+    // Frames are read into place: once a frame's length is known the buffer grows to hold
+    // it whole (and stays that size), so a data chunk is never copied out of a smaller
+    // read buffer. The guest sends nothing on a socket until its reply has come, so a
+    // read normally ends with a frame.
     std::vector<uint8_t> buffer(64 * 1024);
+    size_t have = 0;
     std::string reason = "closed by the guest";
     bool open = true;
     while (open) {
-        const ssize_t n = read(connection->fd, buffer.data(), buffer.size());
+        const ssize_t n = read(connection->fd, buffer.data() + have, buffer.size() - have);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) {
             if (connection->dropped)
                 reason = "dropped by the host";
-            else if (reader.partial())
+            else if (have > 0)
                 reason = "short frame";
             break;
         }
-        size_t offset = 0;
-        while (open && offset < static_cast<size_t>(n)) {
-            size_t used = 0;
-            const auto result =
-                reader.feed(buffer.data() + offset, static_cast<size_t>(n) - offset, used);
-            offset += used;
-            if (result == toolgate::FrameReader::Result::Malformed) {
+        have += static_cast<size_t>(n);
+        size_t at = 0;
+        while (open && have - at >= toolgate::kFrameLengthBytes) {
+            const uint32_t length = le::get32(buffer.data() + at);
+            if (length > toolgate::kMaxFrameLength) {
                 reason = "malformed frame (length over 16 MiB)";
                 open = false;
-            } else if (result == toolgate::FrameReader::Result::Frame) {
-                open = handle_frame(*connection, reader.body(), reason);
-            } else {
                 break;
             }
+            const size_t whole = toolgate::kFrameLengthBytes + length;
+            if (have - at < whole) break;
+            open = handle_frame(*connection, buffer.data() + at + toolgate::kFrameLengthBytes,
+                                length, reason);
+            at += whole;
+        }
+        // What is left is the beginning of the next frame: to the front, with room for
+        // all of it.
+        if (at > 0) {
+            std::memmove(buffer.data(), buffer.data() + at, have - at);
+            have -= at;
+        }
+        if (have >= toolgate::kFrameLengthBytes) {
+            const size_t whole = toolgate::kFrameLengthBytes + le::get32(buffer.data());
+            if (whole > buffer.size() &&
+                whole <= toolgate::kFrameLengthBytes + toolgate::kMaxFrameLength)
+                buffer.resize(whole);
         }
     }
     {
@@ -279,10 +296,10 @@ void Host::serve(std::shared_ptr<Connection> connection) {
     connection->done = true;
 }
 
-bool Host::handle_frame(Connection& connection, const std::vector<uint8_t>& body,
+bool Host::handle_frame(Connection& connection, const uint8_t* body, size_t size,
                         std::string& reason) {
     toolgate::RequestView request;
-    if (!toolgate::parse_request(body.data(), body.size(), request)) {
+    if (!toolgate::parse_request(body, size, request)) {
         reason = "malformed frame";
         return false;
     }
@@ -299,10 +316,14 @@ bool Host::handle_frame(Connection& connection, const std::vector<uint8_t>& body
         suspended = m_suspended;
     }
 
-    // Copies of the buffers the host may write, sized as the guest declared them.
-    std::vector<uint8_t> buffers[toolgate::kMaxBuffers];
+    // Copies of the buffers the host may write, sized as the guest declared them; the
+    // connection keeps their memory from one request to the next.
+    std::vector<uint8_t>* buffers = connection.buffers;
     for (uint32_t i = 0; i < request.count; ++i) {
-        if (!(request.buffers[i].flags & toolgate::kFrameFlagWritable)) continue;
+        if (!(request.buffers[i].flags & toolgate::kFrameFlagWritable)) {
+            buffers[i].clear();
+            continue;
+        }
         buffers[i].assign(request.buffers[i].size, 0);
         if (request.contents[i])
             std::memcpy(buffers[i].data(), request.contents[i], request.buffers[i].size);
@@ -392,7 +413,8 @@ std::optional<uint32_t> Host::handle_dnd(Connection& connection,
 
     std::optional<StatusFault> fault;
     std::chrono::milliseconds delay{0};
-    Handler handler;
+    // Held by a shared pointer, so that taking it under the lock copies no captures.
+    std::shared_ptr<const Handler> handler;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         ex.sequence = ++m_commandCounts[ex.command];
@@ -430,8 +452,8 @@ std::optional<uint32_t> Host::handle_dnd(Connection& connection,
         const auto answer = answer_poll(connection, ex);
         if (!answer) return std::nullopt;
         status = *answer;
-    } else if (handler) {
-        status = handler(ex);
+    } else if (handler && *handler) {
+        status = (*handler)(ex);
     }
     if (delay.count() > 0) {
         std::unique_lock<std::mutex> lock(m_mutex);
@@ -592,7 +614,7 @@ void Host::set_poll_hold(std::optional<std::chrono::milliseconds> hold) {
 
 void Host::set_handler(uint32_t command, Handler handler) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    m_handlers[command] = std::move(handler);
+    m_handlers[command] = std::make_shared<const Handler>(std::move(handler));
 }
 
 void Host::clear_handler(uint32_t command) {
@@ -602,12 +624,12 @@ void Host::clear_handler(uint32_t command) {
 
 void Host::set_fallback_handler(Handler handler) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    m_fallback = std::move(handler);
+    m_fallback = std::make_shared<const Handler>(std::move(handler));
 }
 
 void Host::set_worker_handler(uint64_t workerId, Handler handler) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    m_workerHandlers[workerId] = std::move(handler);
+    m_workerHandlers[workerId] = std::make_shared<const Handler>(std::move(handler));
 }
 
 void Host::clear_worker_handler(uint64_t workerId) {

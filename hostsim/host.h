@@ -195,7 +195,7 @@ class Host {
     void accept_loop();
     void serve(std::shared_ptr<Connection> connection);
     // Handles one request frame body; false closes the connection, with `reason` set.
-    bool handle_frame(Connection& connection, const std::vector<uint8_t>& body,
+    bool handle_frame(Connection& connection, const uint8_t* body, size_t size,
                       std::string& reason);
     // One DnD exchange: fills the reply buffer and returns the completion status, or
     // nothing when the guest left a held poll (the connection is then closed unanswered).
@@ -221,9 +221,9 @@ class Host {
     mutable std::mutex m_mutex;  // guards everything below except the atomics
     std::condition_variable m_wake;
     std::deque<HostCommand> m_queue;
-    std::map<uint32_t, Handler> m_handlers;
-    std::map<uint64_t, Handler> m_workerHandlers;
-    Handler m_fallback;
+    std::map<uint32_t, std::shared_ptr<const Handler>> m_handlers;
+    std::map<uint64_t, std::shared_ptr<const Handler>> m_workerHandlers;
+    std::shared_ptr<const Handler> m_fallback;
     std::vector<Expectation> m_expectations;
     std::vector<StatusFault> m_statusFaults;
     std::vector<DelayFault> m_delayFaults;

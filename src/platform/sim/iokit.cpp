@@ -105,17 +105,20 @@ SendResult send_all(int fd, iovec* iov, int iovcnt) {
 
 enum class ReadResult { Done, Lost, Interrupted };
 
-// Fills the iovecs completely from what the host sends. The waiting is done in poll, not
-// in a blocking read: a handler installed with signal() restarts an interrupted read, so
-// the caller's signal would go unnoticed, while poll is never restarted. `waitFirst` skips
-// the read attempt that would find nothing yet (the start of a reply).
-ReadResult read_reply(int fd, iovec* iov, int iovcnt, bool waitFirst) {
+// Reads into the iovecs until at least `atLeast` bytes have come (never more than they
+// hold); `got` counts them. The waiting is done in poll, not in a blocking read: a handler
+// installed with signal() restarts an interrupted read, so the caller's signal would go
+// unnoticed, while poll is never restarted. `waitFirst` skips the read attempt that would
+// find nothing yet (the start of a reply).
+ReadResult read_at_least(int fd, iovec* iov, int iovcnt, size_t atLeast, bool waitFirst,
+                         size_t& got) {
+    got = 0;
     while (iovcnt > 0 && iov->iov_len == 0) {
         ++iov;
         --iovcnt;
     }
     bool wait = waitFirst;
-    while (iovcnt > 0) {
+    while (iovcnt > 0 && got < atLeast) {
         if (wait) {
             pollfd p{fd, POLLIN, 0};
             if (poll(&p, 1, -1) < 0)
@@ -133,9 +136,17 @@ ReadResult read_reply(int fd, iovec* iov, int iovcnt, bool waitFirst) {
             continue;
         }
         toolgate::advance_iovecs(iov, iovcnt, static_cast<size_t>(n));
+        got += static_cast<size_t>(n);
         wait = false;
     }
     return ReadResult::Done;
+}
+
+// Fills the iovecs completely from what the host sends.
+ReadResult read_reply(int fd, iovec* iov, int iovcnt, bool waitFirst) {
+    size_t total = 0, got = 0;
+    for (int i = 0; i < iovcnt; ++i) total += iov[i].iov_len;
+    return read_at_least(fd, iov, iovcnt, total, waitFirst, got);
 }
 
 // The buffers of one toolgate request as the frames describe them.
@@ -195,19 +206,34 @@ ExchangeResult exchange(int fd, const CallBuffers& call, uint32_t& status) {
             return ExchangeResult::Lost;
     }
 
+    // Where one buffer alone may take the host's bytes (a DnD reply), the first read takes
+    // the reply's header and as much of that buffer's part as has come: the reply is all
+    // the host sends, so nothing beyond it can be read into the buffer.
+    const size_t headerBytes = toolgate::reply_header_bytes(call.count);
     uint8_t replyHeader[toolgate::reply_header_bytes(toolgate::kMaxBuffers)];
-    iovec head{replyHeader, toolgate::reply_header_bytes(call.count)};
-    if (const ReadResult r = read_reply(fd, &head, 1, true); r != ReadResult::Done)
+    int only = -1;
+    for (uint32_t i = 0; i < call.count; ++i) {
+        if (!(call.frame[i].flags & toolgate::kFrameFlagWritable)) continue;
+        only = only == -1 ? static_cast<int>(i) : -2;
+    }
+    iovec first[2] = {{replyHeader, headerBytes}, {}};
+    if (only >= 0) first[1] = {call.address[only], call.frame[only].size};
+    size_t got = 0;
+    if (const ReadResult r = read_at_least(fd, first, only >= 0 ? 2 : 1, headerBytes, true, got);
+        r != ReadResult::Done)
         return exchange_result(r);
     uint32_t written[toolgate::kMaxBuffers];
     for (uint32_t i = 0; i < call.count; ++i) written[i] = le::get32(replyHeader, 8 + 4 * i);
     if (!toolgate::reply_header_valid(le::get32(replyHeader, 0), written, call.frame, call.count))
         return ExchangeResult::Lost;
-    // The contents go straight into the caller's buffers; the header has just shown that
+    // The rest goes straight into the caller's buffers; the header has just shown that
     // each part fits the buffer it is meant for.
+    const size_t early = got - headerBytes;  // bytes of buffer `only` already in place
+    if (only >= 0 && early > written[only]) return ExchangeResult::Lost;
     n = 0;
     for (uint32_t i = 0; i < call.count; ++i) {
-        if (written[i]) iov[n++] = {call.address[i], written[i]};
+        const size_t skip = static_cast<int>(i) == only ? early : 0;
+        if (written[i] > skip) iov[n++] = {call.address[i] + skip, written[i] - skip};
     }
     if (const ReadResult r = read_reply(fd, iov, n, false); r != ReadResult::Done)
         return exchange_result(r);
