@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <map>
 #include <mutex>
+#include <set>
 
 #include "channel/dnd_message.h"
 #include "common/byte_order.h"
@@ -482,23 +483,78 @@ class Session {
 };
 
 struct SinkShared {
-    struct Running {
-        std::shared_ptr<Session> session;
-        Handler handler;  // as installed for the worker
-    };
     SinkOptions options;
-    std::mutex mutex;
-    std::map<uint64_t, Running> running;
+    std::mutex mutex;  // guards the members below
+    std::map<uint64_t, std::shared_ptr<Session>> running;
+    std::set<uint64_t> installed;  // workers whose handler the sink set on the host
     std::vector<SinkResult> finished;
     std::atomic<uint64_t> nextWorkerId{kFirstWorkerId};
 };
 
 namespace {
 
-// Starts a session for `workerId` (unless one runs) and routes the worker's messages to it;
-// the handler that does so, or none when the folder cannot be opened (the reason in `why`).
-Handler start_session(Host& host, const std::shared_ptr<SinkShared>& shared, uint64_t workerId,
-                      std::string& why);
+// The session running for `workerId`, or a new one; null when the folder cannot be opened.
+std::shared_ptr<Session> session_for(SinkShared& shared, uint64_t workerId) {
+    std::lock_guard<std::mutex> lock(shared.mutex);
+    if (auto it = shared.running.find(workerId); it != shared.running.end()) return it->second;
+    auto session = std::make_shared<Session>(workerId, shared.options);
+    std::string why;
+    if (!session->open_root(why)) return nullptr;
+    shared.running[workerId] = session;
+    return session;
+}
+
+// Hands every message of `workerId`'s transfers to its session; `ended` runs after a
+// transfer's 260 has been stored as finished.
+Handler route(const std::shared_ptr<SinkShared>& shared, uint64_t workerId,
+              std::function<void()> ended) {
+    std::weak_ptr<SinkShared> weak = shared;
+    Handler handler = [weak, workerId, ended = std::move(ended)](Exchange& ex) -> uint32_t {
+        auto s = weak.lock();
+        if (!s) return dnd::kStatusSuccess;
+        const auto session = session_for(*s, workerId);
+        if (!session) return kSinkRefused;
+        const uint32_t status = session->handle(ex);
+        if (session->ended()) {
+            {
+                std::lock_guard<std::mutex> lock(s->mutex);
+                s->finished.push_back(session->result());
+                s->running.erase(workerId);
+            }
+            if (ended) ended();
+        }
+        return status;
+    };
+    if (shared->options.progress)
+        handler = observe_progress(*shared->options.progress, workerId,
+                                   TransferDirection::GuestToHost, std::move(handler));
+    return handler;
+}
+
+// Routes the worker's messages to the sink on the host until its transfer ends.
+Handler install(Host& host, const std::shared_ptr<SinkShared>& shared, uint64_t workerId) {
+    std::weak_ptr<SinkShared> weak = shared;
+    Handler handler = route(shared, workerId, [&host, weak, workerId] {
+        host.clear_worker_handler(workerId);
+        if (auto s = weak.lock()) {
+            std::lock_guard<std::mutex> lock(s->mutex);
+            s->installed.erase(workerId);
+        }
+    });
+    {
+        std::lock_guard<std::mutex> lock(shared->mutex);
+        shared->installed.insert(workerId);
+    }
+    host.set_worker_handler(workerId, handler);
+    return handler;
+}
+
+// A file list's answer: a workerId of the sink's own and the file-list action.
+uint32_t assign_worker(SinkShared& shared, Exchange& ex) {
+    le::put64(ex.reply.data(), dnd::kOffWorkerId, shared.nextWorkerId++);
+    le::put32(ex.reply.data(), dnd::kOffReplyAction, shared.options.fileListAction);
+    return dnd::kStatusSuccess;
+}
 
 }  // namespace
 
@@ -507,20 +563,15 @@ TreeSink::TreeSink(Host& host, SinkOptions options)
     m_shared->options = std::move(options);
     std::weak_ptr<SinkShared> weak = m_shared;
     Host* hostPtr = &host;
+    // A 262 reaches here only for a worker without a handler of its own.
     m_host.set_handler(dnd::kCmdSendTotals, [hostPtr, weak](Exchange& ex) -> uint32_t {
         auto shared = weak.lock();
-        if (!shared) return dnd::kStatusSuccess;
-        std::string why;
-        const Handler handler = start_session(*hostPtr, shared, ex.workerId, why);
-        return handler ? handler(ex) : kSinkRefused;
+        return shared ? install(*hostPtr, shared, ex.workerId)(ex) : dnd::kStatusSuccess;
     });
     if (m_shared->options.assignWorkerIds) {
-        auto assign = [weak](Exchange& ex) -> uint32_t {
+        auto assign = [weak](Exchange& ex) {
             auto shared = weak.lock();
-            if (!shared) return dnd::kStatusSuccess;
-            le::put64(ex.reply.data(), dnd::kOffWorkerId, shared->nextWorkerId++);
-            le::put32(ex.reply.data(), dnd::kOffReplyAction, shared->options.fileListAction);
-            return dnd::kStatusSuccess;
+            return shared ? assign_worker(*shared, ex) : dnd::kStatusSuccess;
         };
         m_host.set_handler(dnd::kCmdFileList, assign);
         m_host.set_handler(dnd::kCmdFileListVariant, assign);
@@ -534,12 +585,19 @@ TreeSink::~TreeSink() {
         m_host.clear_handler(dnd::kCmdFileListVariant);
     }
     std::lock_guard<std::mutex> lock(m_shared->mutex);
-    for (const auto& [worker, running] : m_shared->running) m_host.clear_worker_handler(worker);
+    for (uint64_t worker : m_shared->installed) m_host.clear_worker_handler(worker);
 }
 
 void TreeSink::accept(uint64_t workerId) {
-    std::string why;
-    start_session(m_host, m_shared, workerId, why);
+    install(m_host, m_shared, workerId);
+}
+
+Handler TreeSink::endpoint(uint64_t workerId) {
+    return route(m_shared, workerId, nullptr);
+}
+
+uint32_t TreeSink::answer_file_list(Exchange& ex) {
+    return assign_worker(*m_shared, ex);
 }
 
 std::optional<SinkResult> TreeSink::result(uint64_t workerId) const {
@@ -547,7 +605,7 @@ std::optional<SinkResult> TreeSink::result(uint64_t workerId) const {
     {
         std::lock_guard<std::mutex> lock(m_shared->mutex);
         if (auto it = m_shared->running.find(workerId); it != m_shared->running.end())
-            session = it->second.session;
+            session = it->second;
         else
             for (auto r = m_shared->finished.rbegin(); r != m_shared->finished.rend(); ++r)
                 if (r->workerId == workerId) return *r;
@@ -560,37 +618,5 @@ std::vector<SinkResult> TreeSink::finished() const {
     std::lock_guard<std::mutex> lock(m_shared->mutex);
     return m_shared->finished;
 }
-
-namespace {
-
-Handler start_session(Host& host, const std::shared_ptr<SinkShared>& shared, uint64_t workerId,
-                      std::string& why) {
-    std::lock_guard<std::mutex> lock(shared->mutex);
-    if (auto it = shared->running.find(workerId); it != shared->running.end())
-        return it->second.handler;
-    auto session = std::make_shared<Session>(workerId, shared->options);
-    if (!session->open_root(why)) return nullptr;
-    std::weak_ptr<SinkShared> weak = shared;
-    Handler handler = [&host, weak, session, workerId](Exchange& ex) {
-        const uint32_t status = session->handle(ex);
-        if (session->ended()) {
-            host.clear_worker_handler(workerId);
-            if (auto s = weak.lock()) {
-                std::lock_guard<std::mutex> lock(s->mutex);
-                s->finished.push_back(session->result());
-                s->running.erase(workerId);
-            }
-        }
-        return status;
-    };
-    if (shared->options.progress)
-        handler = observe_progress(*shared->options.progress, workerId,
-                                   TransferDirection::GuestToHost, std::move(handler));
-    shared->running[workerId] = {session, handler};
-    host.set_worker_handler(workerId, handler);
-    return handler;
-}
-
-}  // namespace
 
 }  // namespace hostsim

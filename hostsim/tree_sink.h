@@ -9,6 +9,9 @@
 //   ... the guest sends ...
 //   auto r = sink.result(workerId);   // r->state == SinkResult::State::Done, r->totals_match()
 //
+// Where something else owns the worker's messages (a DragPlayer answers the drag's own
+// and passes the rest on), give it endpoint(workerId) as the transfer's handler instead.
+//
 // Names from the guest are trusted for nothing: a name with an empty, "." or ".."
 // component, a NUL, or text that is no UTF-16 is refused, and every name is resolved one
 // component at a time beneath the folder without following any symbolic link, so neither
@@ -23,9 +26,10 @@
 #include <string_view>
 #include <vector>
 
+#include "hostsim/host.h"
+
 namespace hostsim {
 
-class Host;
 class ProgressBoard;
 struct SinkShared;
 
@@ -84,6 +88,13 @@ class TreeSink {
 
     // Takes the transfer of `workerId` before its 262 arrives.
     void accept(uint64_t workerId);
+    // The handler of `workerId`'s transfers for whoever routes that worker's messages
+    // (installs nothing on the host): a transfer begins at the first message it is given
+    // and is finished at its 260, after which the next message begins another.
+    Handler endpoint(uint64_t workerId);
+    // Answers a file list (258 or 768) as `assignWorkerIds` does: a workerId of the sink's
+    // own and the file-list action. For a handler that answers some lists itself.
+    uint32_t answer_file_list(Exchange& exchange);
     // The transfer's result: the running one, else the last that finished.
     std::optional<SinkResult> result(uint64_t workerId) const;
     // Finished transfers (their 260 received), in the order they finished.

@@ -227,4 +227,33 @@ TEST_F(TreeSinkTest, FileListsGetWorkerIdsOfTheirOwnWhenAsked) {
     EXPECT_NE(first, second);
 }
 
+TEST_F(TreeSinkTest, AnEndpointStoresTheTransfersItIsHandedOneAfterAnother) {
+    write_file(guest / "a/one", "1");
+    write_file(guest / "b/two", "22");
+    hostsim::TreeSink sink(host, options(hostsim::ConflictPolicy::Stop));
+    // As a drag player routes the worker's messages: its own first, the rest to the sink.
+    const hostsim::Handler endpoint = sink.endpoint(kWorker);
+    host.set_worker_handler(kWorker, [endpoint](hostsim::Exchange& ex) {
+        return ex.command == dnd::kCmd273 ? 0u : endpoint(ex);
+    });
+    host.set_handler(dnd::kCmdFileList,
+                     [&](hostsim::Exchange& ex) { return sink.answer_file_list(ex); });
+    uint64_t worker = 0;
+    ASSERT_TRUE(qvx::SendFileList(context(0), false, {"/a"}, &worker, nullptr));
+    EXPECT_GE(worker, 0x1000u);
+
+    EXPECT_TRUE(qvx::SendChecked(context(kWorker), dnd::kCmd273));
+    run_send(kWorker, {guest / "a"});
+    run_send(kWorker, {guest / "b"});
+    const auto done = sink.finished();
+    ASSERT_EQ(done.size(), 2u);
+    for (const SinkResult& r : done) {
+        EXPECT_EQ(r.state, SinkResult::State::Done) << r.refusal;
+        EXPECT_TRUE(r.totals_match());
+    }
+    EXPECT_EQ(read_file(hostSide / "in/a/one"), "1");
+    EXPECT_EQ(read_file(hostSide / "in/b/two"), "22");
+    EXPECT_TRUE(host.has_worker_handler(kWorker));  // still the router's
+}
+
 }  // namespace
