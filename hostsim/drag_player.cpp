@@ -89,9 +89,15 @@ struct DragPlayer::State {
     std::condition_variable changed;
     platform::DesktopClient client;  // for the handlers' requests
     uint32_t prepareValue = 0;
+    Handler fileListFallback;
     std::deque<DropPlan> drops;            // waiting for a window
     std::deque<GuestDragPlan> guests;      // waiting for a drag at the edge
     std::optional<GuestDragPlan> current;  // the guest drag the host is playing
+    // The drag was at the edge at the watcher's last look. The release at 273 ends it there
+    // (the watcher may not look again before the next drag is at the edge), and makes a
+    // look taken before it stale.
+    bool atEdge = false;
+    uint64_t releases = 0;
     bool stopping = false;
 
     // Sends one request to the desktop, connecting first if need be.
@@ -144,6 +150,8 @@ struct DragPlayer::State {
                 }
                 std::lock_guard lock(mutex);
                 current.reset();
+                atEdge = false;
+                ++releases;
                 return 0u;
             }
             default:
@@ -152,15 +160,19 @@ struct DragPlayer::State {
     }
 };
 
-Handler DragPlayer::operation_handler(std::weak_ptr<State> weak, Handler transfer) {
+Handler DragPlayer::operation_handler(std::weak_ptr<State> weak, Handler transfer, bool drop) {
     // A drop's operation sees 280 twice, from the drag handler and from the receive job,
     // in either order; the transfer is shown only the first, which always comes before
-    // the receive's other messages.
+    // the receive's other messages. The drag handler's prepare notice comes before both:
+    // the receive's transfer has not begun yet.
     auto seen280 = std::make_shared<std::atomic<bool>>(false);
-    return [weak, transfer = std::move(transfer), seen280](Exchange& ex) -> uint32_t {
+    return [weak, transfer = std::move(transfer), seen280, drop](Exchange& ex) -> uint32_t {
         if (auto s = weak.lock())
             if (auto status = s->answer_drag(ex)) return *status;
         if (ex.command == dnd::kCmdTransferStart && seen280->exchange(true)) return 0u;
+        if (drop && ex.command == dnd::kCmdDialog && !seen280->load() &&
+            le::get32(ex.request.data(), dnd::kOffDialogId) == dnd::kDialogPrepare)
+            return 0u;
         return transfer ? transfer(ex) : 0u;
     };
 }
@@ -181,8 +193,15 @@ DragPlayer::DragPlayer(Host& host, const std::string& root)
     host.set_handler(dnd::kCmdFileList, [weak](Exchange& ex) {
         GuestDragPlan plan;
         if (auto s = weak.lock()) {
-            std::lock_guard lock(s->mutex);
-            if (s->current) plan = *s->current;
+            Handler fallback;
+            {
+                std::lock_guard lock(s->mutex);
+                if (s->current)
+                    plan = *s->current;
+                else
+                    fallback = s->fileListFallback;
+            }
+            if (fallback) return fallback(ex);
         }
         le::put64(ex.reply.data(), dnd::kOffWorkerId, plan.newWorkerId);
         le::put32(ex.reply.data(), dnd::kOffReplyAction, plan.action);
@@ -204,8 +223,13 @@ void DragPlayer::set_prepare_value(uint32_t value) {
     m_state->prepareValue = value;
 }
 
+void DragPlayer::set_file_list_fallback(Handler handler) {
+    std::lock_guard lock(m_state->mutex);
+    m_state->fileListFallback = std::move(handler);
+}
+
 void DragPlayer::drop(const DropPlan& plan) {
-    m_host.set_worker_handler(plan.workerId, operation_handler(m_state, plan.transfer));
+    m_host.set_worker_handler(plan.workerId, operation_handler(m_state, plan.transfer, true));
     if (!plan.whenWindowThere) {
         m_host.queue_command(HostCommand::drop(plan.x, plan.y, plan.workerId));
         return;
@@ -218,7 +242,7 @@ void DragPlayer::drop(const DropPlan& plan) {
 }
 
 void DragPlayer::guest_drag(const GuestDragPlan& plan) {
-    m_host.set_worker_handler(plan.newWorkerId, operation_handler(m_state, plan.transfer));
+    m_host.set_worker_handler(plan.newWorkerId, operation_handler(m_state, plan.transfer, false));
     {
         std::lock_guard lock(m_state->mutex);
         m_state->guests.push_back(plan);
@@ -236,20 +260,24 @@ size_t DragPlayer::pending() const {
 void DragPlayer::watch() {
     State& s = *m_state;
     platform::DesktopClient watcher;
-    bool atEdge = false;  // the drag was at the edge at the last look
+    uint64_t releases = 0;  // as the look began
     for (;;) {
         {
             std::unique_lock lock(s.mutex);
+            // Unwatched until a plan comes: a drag already held at the edge then is one
+            // that has just arrived.
+            if (s.drops.empty() && s.guests.empty()) s.atEdge = false;
             s.changed.wait(lock,
                            [&] { return s.stopping || !s.drops.empty() || !s.guests.empty(); });
             if (s.stopping) return;
+            releases = s.releases;
         }
         if (!watcher.connected()) watcher.Connect(s.socket, kConnectPatience);
         const auto state = watcher.connected() ? watcher.Request({{"op", "state"}}, kStateTimeout)
                                                : std::optional<json>();
         std::unique_lock lock(s.mutex);
         if (s.stopping) return;
-        if (state && state->value("ok", false)) {
+        if (state && state->value("ok", false) && s.releases == releases) {
             while (!s.drops.empty() && window_at(*state, s.drops.front().x, s.drops.front().y)) {
                 const DropPlan plan = s.drops.front();
                 s.drops.pop_front();
@@ -267,15 +295,15 @@ void DragPlayer::watch() {
                     x <= box->left || x >= box->right - 1 || y <= box->top || y >= box->bottom - 1;
             }
             // One 204 per arrival at the edge, and none while the host plays a drag.
-            if (edge && !atEdge && !s.guests.empty() && !s.current) {
+            if (edge && !s.atEdge && !s.guests.empty() && !s.current) {
                 s.current = s.guests.front();
                 s.guests.pop_front();
                 s.note(format("desktop drag reached the host at x=%.0f y=%.0f: 204 queued",
                               p[0].get<double>(), p[1].get<double>()));
                 m_host.queue_command(dnd::kHostCmdGuestToHost, s.current->workerId);
             }
-            atEdge = edge;
-        } else {
+            s.atEdge = edge;
+        } else if (!state || !state->value("ok", false)) {
             watcher.Close();
         }
         s.changed.wait_for(lock, kWatchInterval, [&] { return s.stopping; });

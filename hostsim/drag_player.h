@@ -10,6 +10,7 @@
 //   player.drop(drop);
 //   hostsim::GuestDragPlan out;              // 204 once a held drag reaches the edge
 //   out.workerId = 8, out.newWorkerId = 9;
+//   out.transfer = sink.endpoint(9);         // a TreeSink stores what the send job sends
 //   player.guest_drag(out);
 #pragma once
 
@@ -45,12 +46,15 @@ struct GuestDragPlan {
 // What it answers (replacing earlier command handlers for these commands):
 //   278  with the prepare value (0 lets the drop go on)
 //   275  turned into a "pointer" request: button state 0 releases, 1 and 2 hold
-//   258  with the armed guest drag's new worker id and action
+//   258  with the played guest drag's new worker id and action; outside a played drag
+//        (a 204 queued by hand), the file-list fallback's answer
 //   273  releases the guest's pointer where it is, which ends the guest's drag
 // A planned drop's worker, and an armed guest drag's new worker, get a worker handler
-// that answers these and passes the rest of the operation to the plan's `transfer` (of a
-// drop's two 280s, the first); set no other worker handler for them. What it does with the desktop
-// shows in the host's trace as "desktop ..." notes.
+// that answers these and passes the rest of the operation to the plan's `transfer`; of a
+// drop's messages the drag handler's prepare notice stays with the drag (the transfer
+// begins at the receive's 280) and of its two 280s only the first is passed on. Set no
+// other worker handler for them. What it does with the desktop shows in the host's trace
+// as "desktop ..." notes.
 class DragPlayer {
   public:
     // `root` is the platform root whose desktop socket to use; empty: the process's root.
@@ -60,6 +64,9 @@ class DragPlayer {
     DragPlayer& operator=(const DragPlayer&) = delete;
 
     void set_prepare_value(uint32_t value);
+    // Answers a 258 that comes while the player plays no guest drag (e.g.
+    // TreeSink::answer_file_list); none: workerId 2, action 0.
+    void set_file_list_fallback(Handler handler);
     // Plays a drop: queues host command 200 (now, or once a window is there).
     void drop(const DropPlan& plan);
     // Arms a guest drag: once the guest's pointer is held at the edge of its screens
@@ -72,7 +79,7 @@ class DragPlayer {
     struct State;
     // The worker handler of one drag's operation: the drag's messages here, the rest to
     // the transfer.
-    static Handler operation_handler(std::weak_ptr<State> weak, Handler transfer);
+    static Handler operation_handler(std::weak_ptr<State> weak, Handler transfer, bool drop);
     void watch();
 
     Host& m_host;

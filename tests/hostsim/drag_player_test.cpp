@@ -99,22 +99,39 @@ TEST_F(DragPlayerTest, DropWaitsForAWindowAndPointerMessagesMoveTheGuestPointer)
     EXPECT_EQ(poll(), dnd::kHostCmdHostToGuest);
     EXPECT_EQ(player.pending(), 0u);
 
-    // The drop's operation: the drag's messages stay with the player, the receive's go to
-    // the transfer, which sees only the first of the two 280s.
+    // The drop's operation: the drag's messages stay with the player (its prepare notice
+    // too: the receive has not begun), the receive's go to the transfer, which sees only
+    // the first of the two 280s.
+    qvx::SendDialog(context(5), dnd::kDialogPrepare, 0, u"");
     EXPECT_TRUE(qvx::QueryPrepare(context(5), &value));
     EXPECT_TRUE(qvx::SendPlain(context(5), dnd::kCmdTransferStart));
     EXPECT_TRUE(qvx::SendPlain(context(5), dnd::kCmdTransferStart));
     EXPECT_TRUE(qvx::QueryTransferTotals(context(5), nullptr, nullptr));
+    qvx::SendDialog(context(5), 1, 0, u"a.txt");
     std::lock_guard lock(mutex);
-    EXPECT_EQ(passedOn, (std::vector<uint32_t>{dnd::kCmdTransferStart, dnd::kCmdQueryTotals}));
+    EXPECT_EQ(passedOn, (std::vector<uint32_t>{dnd::kCmdTransferStart, dnd::kCmdQueryTotals,
+                                               dnd::kCmdDialog}));
 }
 
 TEST_F(DragPlayerTest, GuestDragAtTheEdgeIsTakenOnceAndReleasedAtHandOver) {
     hostsim::DragPlayer player(m_host);
+    // A list outside the drags the player plays goes to the fallback.
+    player.set_file_list_fallback([](hostsim::Exchange& ex) {
+        qvx::le::put64(ex.reply.data(), dnd::kOffWorkerId, 77);
+        return 0u;
+    });
+    uint64_t worker = 0;
+    EXPECT_TRUE(qvx::SendFileList(context(0), false, {"/g/a"}, &worker, nullptr));
+    EXPECT_EQ(worker, 77u);
+
     hostsim::GuestDragPlan plan;
     plan.workerId = 8;
     plan.newWorkerId = 9;
     plan.action = dnd::kActionDelete;
+    player.guest_drag(plan);
+    plan.workerId = 10;
+    plan.newWorkerId = 11;
+    plan.action = dnd::kActionSend;
     player.guest_drag(plan);
     const NSInteger folder = platform::open_folder_window("/g", NSMakeRect(0, 0, 300, 300), true);
     platform::select_in_window(folder, {platform::Selection::Kind::Paths, {"/g/a"}, {}});
@@ -130,7 +147,6 @@ TEST_F(DragPlayerTest, GuestDragAtTheEdgeIsTakenOnceAndReleasedAtHandOver) {
         ASSERT_TRUE(eventually([&] { return m_host.queued_commands() == 1; }));
         EXPECT_EQ(poll(), dnd::kHostCmdGuestToHost);
 
-        uint64_t worker = 0;
         uint32_t action = 0;
         EXPECT_TRUE(qvx::SendFileList(context(0), false, {"/g/a"}, &worker, &action));
         EXPECT_EQ(worker, 9u);
@@ -140,8 +156,21 @@ TEST_F(DragPlayerTest, GuestDragAtTheEdgeIsTakenOnceAndReleasedAtHandOver) {
         EXPECT_EQ(platform::pointer_state().x, 2879);
         qvxtest::settle();
         EXPECT_FALSE(platform::current_drag());
+
+        // The next drag goes straight back to the edge, maybe before the player looks
+        // again: the release at 273 ended the last one there, so this is a new arrival.
+        platform::post_pointer_event(100, 1500, 1);
+        platform::post_pointer_event(1e7, 1500, 1);
+        ASSERT_TRUE(eventually([&] { return m_host.queued_commands() == 1; }));
+        EXPECT_EQ(poll(), dnd::kHostCmdGuestToHost);
+        EXPECT_TRUE(qvx::SendFileList(context(0), false, {"/g/a"}, &worker, &action));
+        EXPECT_EQ(worker, 11u);
+        EXPECT_EQ(action, dnd::kActionSend);
+        EXPECT_TRUE(qvx::SendChecked(context(11), dnd::kCmd273));
+        qvxtest::settle();
     });
     EXPECT_EQ(m_host.queued_commands(), 0u);
+    EXPECT_EQ(player.pending(), 0u);
 }
 
 }  // namespace
