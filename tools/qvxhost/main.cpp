@@ -104,8 +104,9 @@ int main(int argc, char** argv) {
     app.add_option("--on-failure", onFailure, "Answer to an item the guest could not create")
         ->check(CLI::IsMember({"skip", "stop"}));
     app.add_option("--receive-into", receiveInto,
-                   "Store files dragged out of the guest in this folder (created if missing); "
-                   "also answers each file list with a workerId of its own");
+                   "Store files dragged out of the guest in this folder (created if missing): "
+                   "those a --guest-drag copies, and those of any other file list, which gets "
+                   "a workerId of its own");
     app.add_option("--on-conflict", onConflict,
                    "When a dragged item exists in the folder: replace, skip or stop")
         ->check(CLI::IsMember({"replace", "skip", "stop"}));
@@ -121,7 +122,9 @@ int main(int argc, char** argv) {
     app.add_option("--prepare-value", prepareValue, "The answer to 278 (0 lets drops go on)");
     app.add_option("--guest-drag", guestDrags,
                    "Take the next guest drag held at the edge of the guest's screens: "
-                   "WORKER:NEWWORKER[:copy|move|ACTION] (repeatable)");
+                   "WORKER:NEWWORKER[:copy|move|ACTION] (repeatable, one per drag); a copy "
+                   "sends its files under NEWWORKER, into --receive-into; a move has the "
+                   "guest delete them");
     CLI11_PARSE(app, argc, argv);
 
     // Block the stop signals before any thread starts, so only sigwait below sees them.
@@ -191,8 +194,23 @@ int main(int argc, char** argv) {
         }
         sources[worker] = std::make_shared<hostsim::TreeSource>(std::move(items), policy);
     }
+    std::unique_ptr<hostsim::TreeSink> sink;
+    if (!receiveInto.empty()) {
+        hostsim::SinkOptions sinkOptions;
+        sinkOptions.folder = receiveInto;
+        hostsim::parse_conflict_policy(onConflict, sinkOptions.policy);
+        sinkOptions.progress = &progress;
+        sinkOptions.assignWorkerIds = true;
+        sinkOptions.fileListAction = fileListAction;
+        sink = std::make_unique<hostsim::TreeSink>(host, std::move(sinkOptions));
+    }
+
     hostsim::DragPlayer player(host, root);
     player.set_prepare_value(prepareValue);
+    // The player answers the file lists of the drags it plays, the sink any other.
+    if (sink)
+        player.set_file_list_fallback(
+            [&sink](hostsim::Exchange& ex) { return sink->answer_file_list(ex); });
     for (const auto& d : drops) {
         const auto parts = split(d);
         uint64_t x = 0, y = 0, worker = 1;
@@ -231,6 +249,9 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "qvxhost: bad --guest-drag %s\n", g.c_str());
             return 2;
         }
+        // A copy's send job stores into the sink's folder; a move's delete job sends no
+        // files, the guest only removes its own.
+        if (sink && plan.action == 0) plan.transfer = sink->endpoint(plan.newWorkerId);
         player.guest_drag(plan);
     }
     if (suspend) host.set_suspended(true);
@@ -242,17 +263,6 @@ int main(int argc, char** argv) {
             std::fprintf(stdout, "%s\n", entry.line.c_str());
             std::fflush(stdout);
         });
-    }
-
-    std::unique_ptr<hostsim::TreeSink> sink;
-    if (!receiveInto.empty()) {
-        hostsim::SinkOptions sinkOptions;
-        sinkOptions.folder = receiveInto;
-        hostsim::parse_conflict_policy(onConflict, sinkOptions.policy);
-        sinkOptions.progress = &progress;
-        sinkOptions.assignWorkerIds = true;
-        sinkOptions.fileListAction = fileListAction;
-        sink = std::make_unique<hostsim::TreeSink>(host, std::move(sinkOptions));
     }
 
     if (!host.start()) {
