@@ -1,55 +1,101 @@
-// Both drags through the real qvxdragdrop process: the simulated host plays its part, and
-// a file-manager window opened through the desktop's control socket takes the drop or
-// starts the drag.
+// Both drags through the real qvxdragdrop process, with the files they carry: the simulated
+// host (in-process, or the qvxhost program) plays its part, and file-manager windows opened
+// through the desktop's control socket take the drop or start the drag.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <thread>
 
 #include "hostsim/drag_player.h"
 #include "hostsim/host.h"
+#include "hostsim/tree_sink.h"
 #include "hostsim/tree_source.h"
 #include "platform/sim/desktop_client.h"
 #include "support/temp_dir.h"
+#include "support/trees.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using nlohmann::json;
 using Strings = std::vector<std::string>;
+using Clock = std::chrono::steady_clock;
+
+// Several chunks, the last one short.
+constexpr size_t kBigFile = 3 * 131072 + 5;
+
+bool exists(const std::string& path) {
+    struct stat st {};
+    return ::lstat(path.c_str(), &st) == 0;
+}
+
+bool eventually(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
+    for (const auto end = Clock::now() + timeout; Clock::now() < end;) {
+        if (done()) return true;
+        std::this_thread::sleep_for(10ms);
+    }
+    return done();
+}
+
+size_t count_lines(const Strings& lines, const std::string& line) {
+    return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
+}
 
 class DragProcessTest : public ::testing::Test {
   protected:
     void SetUp() override {
         qvxtest::make_dirs(m_root / "Library/Logs");
         qvxtest::make_dirs(m_root / "home");
-        qvxtest::write_file(m_root / "guest/out/a.txt", "alpha");
-        qvxtest::write_file(m_root / "guest/out/b.txt", "beta");
-        qvxtest::make_dirs(m_root / "guest/in");
-        qvxtest::write_file(m_root / "host/out/hello.txt", "from the host");
-        qvxtest::write_file(m_root / "host/out/photos/beach.jpg", "not really a picture");
+    }
+    void TearDown() override {
+        for (pid_t pid : {m_pid, m_hostPid}) {
+            if (pid > 0) {
+                ::kill(pid, SIGKILL);
+                ::waitpid(pid, nullptr, 0);
+            }
+        }
+        m_player.reset();
+        if (m_host) m_host->stop();
+    }
+
+    // The simulated host in this process, then the tool.
+    void start_with_host() {
         hostsim::HostOptions options;
         options.root = m_root.path();
         m_host = std::make_unique<hostsim::Host>(options);
         ASSERT_TRUE(m_host->start());
         m_player = std::make_unique<hostsim::DragPlayer>(*m_host, m_root.path());
-        spawn();
-        ASSERT_TRUE(m_desk.Connect(m_root / "run/quorvex/desktop", 10s));
+        start_tool();
     }
-    void TearDown() override {
-        if (m_pid > 0) {
-            ::kill(m_pid, SIGKILL);
-            ::waitpid(m_pid, nullptr, 0);
+    // qvxhost with `args`, its output to host.out, then the tool.
+    void start_with_qvxhost(std::vector<std::string> args) {
+        args.insert(args.begin(), {QVX_HOST_BIN, "--root", m_root.path()});
+        std::vector<char*> argv;
+        for (auto& a : args) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        const int out =
+            ::open((m_root / "host.out").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        ASSERT_GE(out, 0);
+        m_hostPid = ::fork();
+        ASSERT_GE(m_hostPid, 0);
+        if (m_hostPid == 0) {
+            ::dup2(out, 1);
+            ::execv(QVX_HOST_BIN, argv.data());
+            ::_exit(127);
         }
-        m_player.reset();
-        m_host->stop();
+        ::close(out);
+        ASSERT_TRUE(
+            eventually([&] { return exists(m_root / "run/quorvex/iokit/QvxPCIToolGate"); }, 10s));
+        start_tool();
     }
-
-    void spawn() {
+    void start_tool() {
         // Built before fork: only exec may run in the child of a threaded process.
         const std::string rootVar = "QVX_PLATFORM_ROOT=" + m_root.path();
         const std::string homeVar = "HOME=" + (m_root / "home");
@@ -62,37 +108,46 @@ class DragProcessTest : public ::testing::Test {
             ::execve(QVX_DRAGDROP_BIN, argv, envp);
             ::_exit(127);
         }
+        ASSERT_TRUE(m_desk.Connect(m_root / "run/quorvex/desktop", 10s));
     }
     // SIGTERM, then the exit status within the time-out (a race report fails it too).
-    std::optional<int> stop_tool() {
-        ::kill(m_pid, SIGTERM);
-        const auto end = std::chrono::steady_clock::now() + 15s;
-        while (std::chrono::steady_clock::now() < end) {
+    static std::optional<int> stop(pid_t& pid) {
+        ::kill(pid, SIGTERM);
+        const auto end = Clock::now() + 15s;
+        while (Clock::now() < end) {
             int status = 0;
-            if (::waitpid(m_pid, &status, WNOHANG) == m_pid) {
-                m_pid = -1;
+            if (::waitpid(pid, &status, WNOHANG) == pid) {
+                pid = -1;
                 return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
             }
             std::this_thread::sleep_for(5ms);
         }
         return std::nullopt;
     }
+
     json ask(const json& request) {
         auto reply = m_desk.Request(request);
         EXPECT_TRUE(reply && reply->value("ok", false)) << request.dump();
         return reply.value_or(json::object());
     }
+    json open_window(const std::string& folder, std::vector<double> frame) {
+        return ask({{"op", "open_folder"}, {"folder", folder}, {"frame", frame}})["window"];
+    }
+    // The user presses in the window (at its centre, x 1800 y 700 in pointer pixels, for the
+    // frame 700, 300, 400, 300) and drags to the right edge of the screen.
+    void drag_out(const json& window, const Strings& paths) {
+        ask({{"op", "select"}, {"window", window}, {"paths", paths}});
+        ask({{"op", "pointer"}, {"x", 1800}, {"y", 700}, {"buttons", 1}});
+        ask({{"op", "pointer"}, {"x", 1e7}, {"y", 700}, {"buttons", 1}});
+    }
     bool overlay_hidden_within(std::chrono::milliseconds timeout) {
-        const auto end = std::chrono::steady_clock::now() + timeout;
-        do {
-            bool shown = false;
-            const json state = ask({{"op", "state"}});
-            for (const auto& w : state["windows"])
-                shown = shown || (w["owner"] == "tool" && w["onscreen"] == true);
-            if (!shown) return true;
-            std::this_thread::sleep_for(10ms);
-        } while (std::chrono::steady_clock::now() < end);
-        return false;
+        return eventually(
+            [&] {
+                for (const auto& w : ask({{"op", "state"}})["windows"])
+                    if (w["owner"] == "tool" && w["onscreen"] == true) return false;
+                return true;
+            },
+            timeout);
     }
     // The decoded requests the tool sent for one worker, without their details.
     Strings sent_for(uint64_t worker) {
@@ -108,85 +163,182 @@ class DragProcessTest : public ::testing::Test {
         }
         return out;
     }
+    // Lines of qvxhost's output, split.
+    Strings host_out() {
+        Strings lines;
+        const std::string all = qvxtest::read_file(m_root / "host.out");
+        for (size_t start = 0, end; start < all.size(); start = end + 1) {
+            end = all.find('\n', start);
+            if (end == std::string::npos) end = all.size();
+            lines.push_back(all.substr(start, end - start));
+        }
+        return lines;
+    }
+    bool host_out_has(const std::string& prefix) {
+        for (const auto& line : host_out())
+            if (line.rfind(prefix, 0) == 0) return true;
+        return false;
+    }
 
     qvxtest::TempDir m_root;
     std::unique_ptr<hostsim::Host> m_host;
     std::unique_ptr<hostsim::DragPlayer> m_player;
     platform::DesktopClient m_desk;
     pid_t m_pid = -1;
+    pid_t m_hostPid = -1;
 };
 
-TEST_F(DragProcessTest, HostDropLandsOnTheFolderWindowAndItsReceiveJobFillsIt) {
-    const std::string folder = m_root / "guest/in";
-    const json opened =
-        ask({{"op", "open_folder"}, {"folder", folder}, {"frame", {0, 0, 500, 400}}});
+TEST_F(DragProcessTest, HostDropsCopyEveryKindOfItemIntoTheFolderWindow) {
+    ASSERT_NO_FATAL_FAILURE(start_with_host());
+    const std::string from = m_root / "host/out";
+    qvxtest::make_every_kind_tree(from, kBigFile);
     std::vector<hostsim::SourceItem> items;
-    ASSERT_TRUE(hostsim::list_folder(m_root / "host/out", items));
-    auto source = std::make_shared<hostsim::TreeSource>(std::move(items));
-    // Host pixels (400, 1200) at scale 2 are the point (200, 300) of the window system.
-    hostsim::DropPlan plan;
-    plan.x = 400;
-    plan.y = 1200;
-    plan.workerId = 7;
-    plan.transfer = [source](hostsim::Exchange& ex) { return source->answer(ex); };
-    m_player->drop(plan);
-    // The receive job's end, answered by the tree source.
-    ASSERT_TRUE(m_host->trace().wait_for_line("host->guest 260 status=0 worker=7", 20s));
-    ASSERT_TRUE(m_host->trace().wait_for_line("guest->host 280 transfer-start worker=7", 5s));
+    ASSERT_TRUE(hostsim::list_folder(from, items));
 
-    // The handler's 280 and the receive job's messages come from two threads, in either
-    // order, after the drag itself.
-    const Strings sent = sent_for(7);
-    ASSERT_GE(sent.size(), 9u);
-    EXPECT_EQ(Strings(sent.begin(), sent.begin() + 7),
-              (Strings{"263 id=0 code=0 text=\"\"", "278", "279", "275 x=1440 y=900 buttons=1",
-                       "275 x=402 y=1200 buttons=2", "275 x=400 y=1200 buttons=2",
-                       "275 x=400 y=1200 buttons=0"}));
-    for (size_t i = 7; i < sent.size(); ++i) EXPECT_NE(sent[i].rfind("275", 0), 0u) << sent[i];
-    EXPECT_EQ(qvxtest::read_file(folder + "/hello.txt"), "from the host");
-    EXPECT_EQ(qvxtest::read_file(folder + "/photos/beach.jpg"), "not really a picture");
-    EXPECT_EQ(source->ends(), 1u);
-    const json state = ask({{"op", "state"}});
-    EXPECT_EQ(state["last_drop"]["window"], opened["window"]);
-    EXPECT_EQ(state["last_drop"]["folder"], folder);
-    EXPECT_EQ(state["last_drop"]["types"], json::array({"NSFilesPromisePboardType"}));
-    EXPECT_TRUE(state["drag"].is_null());
-    // The handler hides the overlay after its last message, maybe after the job's 260.
-    EXPECT_TRUE(overlay_hidden_within(5s));
-    EXPECT_EQ(stop_tool(), std::optional<int>(0));
+    // Two drops, one after the other, each into a window of its own at the same place.
+    for (const uint64_t worker : {7u, 17u}) {
+        SCOPED_TRACE(worker);
+        const std::string folder = m_root / ("guest/in" + std::to_string(worker));
+        qvxtest::make_dirs(folder);
+        const json window = open_window(folder, {0, 0, 500, 400});
+        auto source = std::make_shared<hostsim::TreeSource>(items);
+        // Host pixels (400, 1200) at scale 2 are the point (200, 300) of the window system.
+        hostsim::DropPlan plan;
+        plan.x = 400;
+        plan.y = 1200;
+        plan.workerId = worker;
+        plan.transfer = [source](hostsim::Exchange& ex) { return source->answer(ex); };
+        m_player->drop(plan);
+        const std::string w = " worker=" + std::to_string(worker);
+        ASSERT_TRUE(m_host->trace().wait_for_line("host->guest 260 status=0" + w, 30s));
+        ASSERT_TRUE(m_host->trace().wait_for_line("guest->host 280 transfer-start" + w, 5s));
+
+        // The handler's 280 and the receive job's messages come from two threads, in either
+        // order, after the drag itself; the job ends the operation with the one 260.
+        const Strings sent = sent_for(worker);
+        ASSERT_GE(sent.size(), 9u);
+        EXPECT_EQ(Strings(sent.begin(), sent.begin() + 7),
+                  (Strings{"263 id=0 code=0 text=\"\"", "278", "279", "275 x=1440 y=900 buttons=1",
+                           "275 x=402 y=1200 buttons=2", "275 x=400 y=1200 buttons=2",
+                           "275 x=400 y=1200 buttons=0"}));
+        for (size_t i = 7; i < sent.size(); ++i) {
+            EXPECT_NE(sent[i].rfind("275", 0), 0u) << sent[i];
+            EXPECT_NE(sent[i].rfind("263 id=4", 0), 0u) << sent[i];
+        }
+        EXPECT_EQ(count_lines(sent, "260"), 1u);
+        EXPECT_EQ(source->ends(), 1u);
+        EXPECT_EQ(qvxtest::tree_differences(from, folder, true), Strings{});
+
+        const json state = ask({{"op", "state"}});
+        EXPECT_EQ(state["last_drop"]["window"], window);
+        EXPECT_EQ(state["last_drop"]["folder"], folder);
+        EXPECT_TRUE(state["drag"].is_null());
+        // The handler hides the overlay after its last message, maybe after the job's 260.
+        EXPECT_TRUE(overlay_hidden_within(5s));
+        ask({{"op", "close"}, {"window", window}});
+    }
+    EXPECT_EQ(stop(m_pid), std::optional<int>(0));
 }
 
-TEST_F(DragProcessTest, GuestDragOutReachesTheHostWithTheSelectedPaths) {
-    const std::string a = m_root / "guest/out/a.txt", b = m_root / "guest/out/b.txt";
-    const json opened = ask(
-        {{"op", "open_folder"}, {"folder", m_root / "guest/out"}, {"frame", {700, 300, 400, 300}}});
-    ask({{"op", "select"}, {"window", opened["window"]}, {"paths", {a, b}}});
-    hostsim::GuestDragPlan plan;
-    plan.workerId = 8;
-    plan.newWorkerId = 9;
-    m_player->guest_drag(plan);
-    // The user presses in the window and drags to the screen's right edge.
-    ask({{"op", "pointer"}, {"x", 1800}, {"y", 700}, {"buttons", 1}});
-    ask({{"op", "pointer"}, {"x", 1e7}, {"y", 700}, {"buttons", 1}});
-    ASSERT_TRUE(m_host->trace().wait_for_line("guest->host 260 end worker=8", 20s));
-    ASSERT_TRUE(m_host->trace().wait_for_line("guest->host 260 end worker=9", 10s));
+TEST_F(DragProcessTest, GuestDragsOutCopyEveryKindOfItemToTheHost) {
+    ASSERT_NO_FATAL_FAILURE(start_with_host());
+    // Two drags, one after the other, out of two windows: a listed folder and a file, then
+    // a folder alone.
+    const std::string out = m_root / "guest/out", more = m_root / "guest/more";
+    qvxtest::make_every_kind_tree(out + "/tree", kBigFile);
+    qvxtest::write_file(out + "/top.txt", "top");
+    qvxtest::make_every_kind_tree(more + "/second", 1000, 1600000000);
+    struct Drag {
+        uint64_t worker, newWorker;
+        std::string from;  // the folder that holds what is dragged, and only that
+        Strings paths;
+    };
+    const Drag drags[] = {{8, 9, out, {out + "/tree", out + "/top.txt"}},
+                          {10, 11, more, {more + "/second"}}};
+    for (const Drag& d : drags) {
+        SCOPED_TRACE(d.newWorker);
+        const json window = open_window(d.from, {700, 300, 400, 300});
+        hostsim::SinkOptions options;
+        options.folder = m_root / ("host/in" + std::to_string(d.newWorker));
+        hostsim::TreeSink sink(*m_host, options);
+        hostsim::GuestDragPlan plan;
+        plan.workerId = d.worker;
+        plan.newWorkerId = d.newWorker;
+        plan.transfer = sink.endpoint(d.newWorker);
+        m_player->guest_drag(plan);
+        drag_out(window, d.paths);
+        const std::string w = " worker=" + std::to_string(d.newWorker);
+        ASSERT_TRUE(m_host->trace().wait_for_line("host->guest 260 status=0" + w, 30s));
 
-    EXPECT_TRUE(m_host->trace().contains("guest->host 258 file-list worker=0 count=2 size=" +
-                                         std::to_string(2 * (a.size() + b.size()) + 4) +
-                                         " names=\"" + a + "\",\"" + b + "\""));
-    // The send job's own messages follow under the new worker, ending with 260.
-    const Strings handOver = sent_for(9);
-    ASSERT_GE(handOver.size(), 3u);
-    EXPECT_EQ(handOver[0], "275 x=2879 y=700 buttons=2");
-    EXPECT_EQ(handOver[1], "273");
-    EXPECT_EQ(handOver.back(), "260");
-    EXPECT_EQ(sent_for(8), Strings{"260"});
-    const json state = ask({{"op", "state"}});
-    EXPECT_TRUE(state["drag"].is_null());
-    EXPECT_EQ(state["buttons"], 0);
-    EXPECT_EQ(state["drops"], 1);
-    EXPECT_EQ(state["last_drop"]["source"], opened["window"]);
-    EXPECT_EQ(stop_tool(), std::optional<int>(0));
+        std::string names;
+        for (const auto& p : d.paths) names += (names.empty() ? "\"" : ",\"") + p + "\"";
+        EXPECT_TRUE(m_host->trace().contains("guest->host 258 file-list worker=0 count=" +
+                                             std::to_string(d.paths.size())));
+        EXPECT_TRUE(m_host->trace().contains(" names=" + names)) << names;
+        // The hand-over under the new worker, the send job's messages, its one 260; the
+        // control loop closes the 204's operation.
+        const Strings handOver = sent_for(d.newWorker);
+        ASSERT_GE(handOver.size(), 3u);
+        EXPECT_EQ(handOver[0], "275 x=2879 y=700 buttons=2");
+        EXPECT_EQ(handOver[1], "273");
+        EXPECT_EQ(handOver.back(), "260");
+        EXPECT_EQ(count_lines(handOver, "260"), 1u);
+        EXPECT_EQ(sent_for(d.worker), Strings{"260"});
+        const auto result = sink.result(d.newWorker);
+        ASSERT_TRUE(result);
+        EXPECT_EQ(result->state, hostsim::SinkResult::State::Done) << result->refusal;
+        EXPECT_TRUE(result->totals_match());
+        EXPECT_TRUE(result->failureCodes.empty());
+        // What the host holds is what was dragged, names as the guest has them.
+        EXPECT_EQ(qvxtest::tree_differences(d.from, options.folder), Strings{});
+
+        const json state = ask({{"op", "state"}});
+        EXPECT_TRUE(state["drag"].is_null());
+        EXPECT_EQ(state["buttons"], 0);
+        EXPECT_EQ(state["last_drop"]["source"], window);
+        ASSERT_TRUE(overlay_hidden_within(10s));
+        ask({{"op", "close"}, {"window", window}});
+    }
+    EXPECT_EQ(stop(m_pid), std::optional<int>(0));
+}
+
+TEST_F(DragProcessTest, QvxhostTakesACopyThenAMoveThatDeletesTheGuestOriginals) {
+    const std::string out = m_root / "guest/out", into = m_root / "host/in";
+    qvxtest::make_every_kind_tree(out + "/tree", kBigFile);
+    qvxtest::write_file(out + "/top.txt", "top");
+    ASSERT_NO_FATAL_FAILURE(
+        start_with_qvxhost({"--trace", "--guest-drag", "8:9:copy", "--receive-into", into,
+                            "--guest-drag", "10:11:move"}));
+    const json window = open_window(out, {700, 300, 400, 300});
+    const Strings paths = {out + "/tree", out + "/top.txt"};
+
+    drag_out(window, paths);
+    const size_t items = qvxtest::tree_size(out);
+    ASSERT_TRUE(eventually([&] { return host_out_has("transfer worker=9 "); }, 30s));
+    EXPECT_TRUE(host_out_has("host->guest 258 status=0 worker=9 action=0"));
+    EXPECT_TRUE(
+        host_out_has("transfer worker=9 guest->host: " + std::to_string(items) + " items, "));
+    EXPECT_EQ(qvxtest::tree_differences(out, into), Strings{});
+
+    // The same items again: the host answers with a move, and the guest deletes them.
+    ASSERT_TRUE(overlay_hidden_within(10s));
+    drag_out(window, paths);
+    ASSERT_TRUE(
+        eventually([&] { return !exists(out + "/tree") && !exists(out + "/top.txt"); }, 30s));
+    ASSERT_TRUE(
+        eventually([&] { return host_out_has("host->guest 260 status=0 worker=11"); }, 10s));
+    EXPECT_TRUE(host_out_has("host->guest 258 status=0 worker=11 action=4"));
+    EXPECT_EQ(qvxtest::tree_size(out), 0u);
+    EXPECT_EQ(qvxtest::tree_size(into), items);  // the host's copy stays
+
+    const Strings lines = host_out();
+    for (const int worker : {8, 9, 10, 11})
+        EXPECT_EQ(count_lines(lines, "guest->host 260 end worker=" + std::to_string(worker)), 1u)
+            << worker;
+    for (const auto& line : lines)
+        EXPECT_EQ(line.find(" dialog worker=11 id=4 "), std::string::npos);
+    EXPECT_EQ(stop(m_pid), std::optional<int>(0));
+    EXPECT_EQ(stop(m_hostPid), std::optional<int>(0));
 }
 
 }  // namespace
