@@ -1,7 +1,8 @@
 # Shared by scripts/test and scripts/demo: installs what the build needs, when missing.
 
+# icu-devtools: uconv, with which the demo checks names for their decomposed form.
 QVX_PACKAGES=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libbenchmark-dev
-              libicu-dev nlohmann-json3-dev libcli11-dev)
+              libicu-dev nlohmann-json3-dev libcli11-dev icu-devtools)
 
 qvx_ensure_packages() {
     local missing=()
