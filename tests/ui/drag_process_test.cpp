@@ -143,7 +143,8 @@ class DragProcessTest : public ::testing::Test {
     bool overlay_hidden_within(std::chrono::milliseconds timeout) {
         return eventually(
             [&] {
-                for (const auto& w : ask({{"op", "state"}})["windows"])
+                const json state = ask({{"op", "state"}});
+                for (const auto& w : state["windows"])
                     if (w["owner"] == "tool" && w["onscreen"] == true) return false;
                 return true;
             },
