@@ -10,6 +10,7 @@
 #include "channel/dnd_message.h"
 #include "common/byte_order.h"
 #include "hostsim/trace.h"
+#include "hostsim/wire_text.h"
 
 namespace hostsim {
 namespace {
@@ -33,37 +34,9 @@ namespace le = qvx::le;
 constexpr uint64_t kFolderBytes = 32;  // what a folder counts in the announced bytes
 constexpr uint32_t kAttrDirectory = 0x10;
 
-// Notice text (UTF-16 up to its NUL) as UTF-8 for display; a broken pair shows as U+FFFD.
+// Notice text (UTF-16 up to its NUL) as UTF-8 for display.
 std::string notice_text(const uint8_t* record) {
-    std::string out;
-    for (size_t at = dnd::kOffDialogText; at + 1 < dnd::kOffDialogCode; at += 2) {
-        uint32_t cp = le::get16(record, at);
-        if (cp == 0) break;
-        if (cp >= 0xD800 && cp < 0xDC00 && at + 3 < dnd::kOffDialogCode) {
-            const uint32_t low = le::get16(record, at + 2);
-            if (low >= 0xDC00 && low < 0xE000) {
-                cp = 0x10000 + ((cp - 0xD800) << 10) + (low - 0xDC00);
-                at += 2;
-            }
-        }
-        if (cp >= 0xD800 && cp < 0xE000) cp = 0xFFFD;
-        if (cp < 0x80) {
-            out += static_cast<char>(cp);
-        } else if (cp < 0x800) {
-            out += static_cast<char>(0xC0 | (cp >> 6));
-            out += static_cast<char>(0x80 | (cp & 0x3F));
-        } else if (cp < 0x10000) {
-            out += static_cast<char>(0xE0 | (cp >> 12));
-            out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (cp & 0x3F));
-        } else {
-            out += static_cast<char>(0xF0 | (cp >> 18));
-            out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-            out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (cp & 0x3F));
-        }
-    }
-    return out;
+    return wire_text(record + dnd::kOffDialogText, dnd::kDialogTextBytes);
 }
 
 // What one observed transfer has seen so far; its messages come one at a time.

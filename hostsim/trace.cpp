@@ -8,6 +8,7 @@
 
 #include "channel/dnd_message.h"
 #include "common/byte_order.h"
+#include "hostsim/wire_text.h"
 
 namespace hostsim {
 
@@ -170,48 +171,15 @@ std::string format(const char* fmt, ...) {
 
 namespace {
 
-void append_utf8(std::string& out, uint32_t cp) {
-    if (cp < 0x80) {
-        out += static_cast<char>(cp);
-    } else if (cp < 0x800) {
-        out += static_cast<char>(0xC0 | (cp >> 6));
-        out += static_cast<char>(0x80 | (cp & 0x3F));
-    } else if (cp < 0x10000) {
-        out += static_cast<char>(0xE0 | (cp >> 12));
-        out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (cp & 0x3F));
-    } else {
-        out += static_cast<char>(0xF0 | (cp >> 18));
-        out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-        out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (cp & 0x3F));
-    }
-}
-
-// UTF-16LE text of at most `bytes` bytes, up to its NUL. Broken surrogates become
-// U+FFFD so that any record, however damaged, still prints.
+// Wire text for a trace line, its quotes and backslashes escaped.
 std::string utf16_text(const uint8_t* p, size_t bytes, size_t* consumed = nullptr) {
+    const std::string text = wire_text(p, bytes, consumed);
     std::string out;
-    size_t i = 0;
-    for (; i + 1 < bytes; i += 2) {
-        uint32_t u = le::get16(p + i);
-        if (u == 0) {
-            i += 2;
-            break;
-        }
-        if (u >= 0xD800 && u < 0xDC00 && i + 3 < bytes) {
-            const uint32_t low = le::get16(p + i + 2);
-            if (low >= 0xDC00 && low < 0xE000) {
-                append_utf8(out, 0x10000 + ((u - 0xD800) << 10) + (low - 0xDC00));
-                i += 2;
-                continue;
-            }
-        }
-        if (u >= 0xD800 && u < 0xE000) u = 0xFFFD;
-        if (u == '"' || u == '\\') out += '\\';
-        append_utf8(out, u);
+    out.reserve(text.size());
+    for (char c : text) {
+        if (c == '"' || c == '\\') out += '\\';
+        out += c;
     }
-    if (consumed) *consumed = i;
     return out;
 }
 

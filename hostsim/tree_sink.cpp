@@ -19,6 +19,7 @@
 #include "common/byte_order.h"
 #include "hostsim/host.h"
 #include "hostsim/progress.h"
+#include "hostsim/wire_text.h"
 #include "transfer/records.h"
 
 namespace hostsim {
@@ -31,37 +32,6 @@ namespace {
 constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 constexpr uint64_t kFirstWorkerId = 0x1000;
 constexpr uint64_t kFolderBytes = 32;  // what the guest counts for a folder in its totals
-
-// Strict UTF-16 to UTF-8: an unpaired surrogate makes it fail. No normalization, so the
-// host stores exactly the name the guest has.
-bool utf16_to_utf8(std::u16string_view in, std::string& out) {
-    out.clear();
-    for (size_t i = 0; i < in.size(); ++i) {
-        uint32_t cp = in[i];
-        if (cp >= 0xD800 && cp < 0xDC00) {
-            if (i + 1 >= in.size() || in[i + 1] < 0xDC00 || in[i + 1] >= 0xE000) return false;
-            cp = 0x10000 + ((cp - 0xD800) << 10) + (in[++i] - 0xDC00);
-        } else if (cp >= 0xDC00 && cp < 0xE000) {
-            return false;
-        }
-        if (cp < 0x80) {
-            out += static_cast<char>(cp);
-        } else if (cp < 0x800) {
-            out += static_cast<char>(0xC0 | (cp >> 6));
-            out += static_cast<char>(0x80 | (cp & 0x3F));
-        } else if (cp < 0x10000) {
-            out += static_cast<char>(0xE0 | (cp >> 12));
-            out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (cp & 0x3F));
-        } else {
-            out += static_cast<char>(0xF0 | (cp >> 18));
-            out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-            out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (cp & 0x3F));
-        }
-    }
-    return true;
-}
 
 // A name the host accepts: components separated by single slashes, none empty, "." or
 // "..", and no NUL anywhere.

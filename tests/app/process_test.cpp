@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "hostsim/host.h"
+#include "support/processes.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -34,12 +35,8 @@ class ToolProcessTest : public ::testing::Test {
         qvxtest::make_dirs(m_root / "home");
     }
     void TearDown() override {
-        for (pid_t pid : {m_pid, m_hostPid}) {
-            if (pid > 0) {
-                ::kill(pid, SIGKILL);
-                ::waitpid(pid, nullptr, 0);
-            }
-        }
+        qvxtest::kill_and_reap(m_pid);
+        qvxtest::kill_and_reap(m_hostPid);
     }
 
     void set_platform(const std::string& json) {
@@ -54,58 +51,23 @@ class ToolProcessTest : public ::testing::Test {
     }
 
     void spawn() {
-        // Built before fork: only exec may run in the child of a threaded process.
-        const std::string rootVar = "QVX_PLATFORM_ROOT=" + m_root.path();
-        const std::string homeVar = "HOME=" + (m_root / "home");
-        char* const argv[] = {const_cast<char*>(QVX_DRAGDROP_BIN), nullptr};
-        char* const envp[] = {const_cast<char*>(rootVar.c_str()),
-                              const_cast<char*>(homeVar.c_str()), nullptr};
-        m_pid = ::fork();
+        m_pid = qvxtest::spawn_tool(m_root.path());
         ASSERT_GE(m_pid, 0);
-        if (m_pid == 0) {
-            ::execve(QVX_DRAGDROP_BIN, argv, envp);
-            ::_exit(127);
-        }
     }
     // Starts qvxhost on this root with `args`, its standard output going to `outPath`.
     void spawn_host(std::vector<std::string> args, const std::string& outPath) {
-        args.insert(args.begin(), {QVX_HOST_BIN, "--root", m_root.path()});
-        std::vector<char*> argv;
-        for (auto& a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        const int out = ::open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-        ASSERT_GE(out, 0);
-        m_hostPid = ::fork();
+        m_hostPid = qvxtest::spawn_qvxhost(m_root.path(), std::move(args), outPath);
         ASSERT_GE(m_hostPid, 0);
-        if (m_hostPid == 0) {
-            ::dup2(out, 1);
-            ::execv(QVX_HOST_BIN, argv.data());
-            ::_exit(127);
-        }
-        ::close(out);
     }
     // The exit status when the process ends within `timeout`, so that a hang fails.
     std::optional<int> wait_exit(std::chrono::milliseconds timeout) {
-        return wait_exit(m_pid, timeout);
+        return qvxtest::wait_exit(m_pid, timeout);
     }
     static std::optional<int> wait_exit(pid_t& pid, std::chrono::milliseconds timeout) {
-        const auto end = Clock::now() + timeout;
-        while (Clock::now() < end) {
-            int status = 0;
-            if (::waitpid(pid, &status, WNOHANG) == pid) {
-                pid = -1;
-                return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            }
-            std::this_thread::sleep_for(5ms);
-        }
-        return std::nullopt;
+        return qvxtest::wait_exit(pid, timeout);
     }
     static bool wait_until(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
-        for (const auto end = Clock::now() + timeout; Clock::now() < end;) {
-            if (done()) return true;
-            std::this_thread::sleep_for(10ms);
-        }
-        return done();
+        return qvxtest::eventually(done, timeout);
     }
 
     // The stop as the log and the host saw it: the four stop lines in order after the

@@ -18,6 +18,7 @@
 #include "hostsim/tree_sink.h"
 #include "hostsim/tree_source.h"
 #include "platform/sim/desktop_client.h"
+#include "support/processes.h"
 #include "support/temp_dir.h"
 #include "support/trees.h"
 
@@ -36,13 +37,7 @@ bool exists(const std::string& path) {
     return ::lstat(path.c_str(), &st) == 0;
 }
 
-bool eventually(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
-    for (const auto end = Clock::now() + timeout; Clock::now() < end;) {
-        if (done()) return true;
-        std::this_thread::sleep_for(10ms);
-    }
-    return done();
-}
+using qvxtest::eventually;
 
 size_t count_lines(const Strings& lines, const std::string& line) {
     return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
@@ -55,12 +50,8 @@ class DragProcessTest : public ::testing::Test {
         qvxtest::make_dirs(m_root / "home");
     }
     void TearDown() override {
-        for (pid_t pid : {m_pid, m_hostPid}) {
-            if (pid > 0) {
-                ::kill(pid, SIGKILL);
-                ::waitpid(pid, nullptr, 0);
-            }
-        }
+        qvxtest::kill_and_reap(m_pid);
+        qvxtest::kill_and_reap(m_hostPid);
         m_player.reset();
         if (m_host) m_host->stop();
     }
@@ -76,53 +67,21 @@ class DragProcessTest : public ::testing::Test {
     }
     // qvxhost with `args`, its output to host.out, then the tool.
     void start_with_qvxhost(std::vector<std::string> args) {
-        args.insert(args.begin(), {QVX_HOST_BIN, "--root", m_root.path()});
-        std::vector<char*> argv;
-        for (auto& a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        const int out =
-            ::open((m_root / "host.out").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-        ASSERT_GE(out, 0);
-        m_hostPid = ::fork();
+        m_hostPid = qvxtest::spawn_qvxhost(m_root.path(), std::move(args), m_root / "host.out");
         ASSERT_GE(m_hostPid, 0);
-        if (m_hostPid == 0) {
-            ::dup2(out, 1);
-            ::execv(QVX_HOST_BIN, argv.data());
-            ::_exit(127);
-        }
-        ::close(out);
         ASSERT_TRUE(
             eventually([&] { return exists(m_root / "run/quorvex/iokit/QvxPCIToolGate"); }, 10s));
         start_tool();
     }
     void start_tool() {
-        // Built before fork: only exec may run in the child of a threaded process.
-        const std::string rootVar = "QVX_PLATFORM_ROOT=" + m_root.path();
-        const std::string homeVar = "HOME=" + (m_root / "home");
-        char* const argv[] = {const_cast<char*>(QVX_DRAGDROP_BIN), nullptr};
-        char* const envp[] = {const_cast<char*>(rootVar.c_str()),
-                              const_cast<char*>(homeVar.c_str()), nullptr};
-        m_pid = ::fork();
+        m_pid = qvxtest::spawn_tool(m_root.path());
         ASSERT_GE(m_pid, 0);
-        if (m_pid == 0) {
-            ::execve(QVX_DRAGDROP_BIN, argv, envp);
-            ::_exit(127);
-        }
         ASSERT_TRUE(m_desk.Connect(m_root / "run/quorvex/desktop", 10s));
     }
     // SIGTERM, then the exit status within the time-out (a race report fails it too).
     static std::optional<int> stop(pid_t& pid) {
         ::kill(pid, SIGTERM);
-        const auto end = Clock::now() + 15s;
-        while (Clock::now() < end) {
-            int status = 0;
-            if (::waitpid(pid, &status, WNOHANG) == pid) {
-                pid = -1;
-                return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            }
-            std::this_thread::sleep_for(5ms);
-        }
-        return std::nullopt;
+        return qvxtest::wait_exit(pid, 15s);
     }
 
     json ask(const json& request) {
