@@ -107,6 +107,7 @@ struct Host::Connection {
     std::atomic<bool> done{false};
     std::atomic<bool> dropped{false};  // shut down by drop_connections, not by the guest
     std::vector<uint8_t> buffers[toolgate::kMaxBuffers];  // the host's copies, reused
+    std::string faultClose;  // why a transfer fault closes it; its own thread only
 };
 
 HostCommand HostCommand::drop(uint32_t x, uint32_t y, uint64_t workerId) {
@@ -337,9 +338,10 @@ bool Host::handle_frame(Connection& connection, const uint8_t* body, size_t size
         const auto done = handle_dnd(connection, request, buffers[1], written[1], suspended);
         if (!done) {
             std::lock_guard<std::mutex> lock(m_mutex);
-            reason = m_stopping           ? "host stopping while a poll was held"
-                     : connection.dropped ? "dropped by the host"
-                                          : "closed by the guest while a poll was held";
+            reason = !connection.faultClose.empty() ? connection.faultClose
+                     : m_stopping                   ? "host stopping while a poll was held"
+                     : connection.dropped           ? "dropped by the host"
+                                                    : "closed by the guest while a poll was held";
             return false;
         }
         completion = *done;
@@ -412,6 +414,8 @@ std::optional<uint32_t> Host::handle_dnd(Connection& connection,
     record(std::move(in));
 
     std::optional<StatusFault> fault;
+    std::optional<TransferFault> transferFault;
+    uint64_t transferMessage = 0;
     std::chrono::milliseconds delay{0};
     // Held by a shared pointer, so that taking it under the lock copies no captures.
     std::shared_ptr<const Handler> handler;
@@ -425,6 +429,16 @@ std::optional<uint32_t> Host::handle_dnd(Connection& connection,
                 break;
             }
         }
+        if (routed_by_worker(ex.command)) {
+            transferMessage = ++m_transferCounts[ex.workerId];
+            for (auto it = m_transferFaults.begin(); it != m_transferFaults.end(); ++it) {
+                if (it->workerId == ex.workerId && it->nth == transferMessage) {
+                    transferFault = *it;
+                    m_transferFaults.erase(it);
+                    break;
+                }
+            }
+        }
         for (const auto& d : m_delayFaults)
             if (d.command == ex.command && (d.nth == 0 || d.nth == ex.sequence)) delay = d.delay;
         if (auto w = m_workerHandlers.find(ex.workerId);
@@ -436,6 +450,14 @@ std::optional<uint32_t> Host::handle_dnd(Connection& connection,
             handler = m_fallback;
     }
     check_expectations(ex.command, ex.workerId, connection.id);
+    if (transferFault && !transferFault->status) {
+        connection.faultClose = format("closed at message %" PRIu64 " of transfer %" PRIu64,
+                                       transferMessage, ex.workerId);
+        return std::nullopt;
+    }
+    if (transferFault && !fault) {
+        fault = StatusFault{ex.command, ex.sequence, *transferFault->status, transferFault->level};
+    }
 
     uint32_t status = 0;
     if (suspended) {
@@ -676,6 +698,22 @@ void Host::delay_reply(uint32_t command, uint64_t nth, std::chrono::milliseconds
 void Host::close_at(uint64_t n) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_closeAt.push_back(n);
+}
+
+void Host::fail_transfer_nth(uint64_t workerId, uint64_t nth, uint32_t status, FaultLevel level) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_transferFaults.push_back({workerId, nth, status, level});
+}
+
+void Host::close_transfer_at(uint64_t workerId, uint64_t nth) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_transferFaults.push_back({workerId, nth, std::nullopt, FaultLevel::Reply});
+}
+
+uint64_t Host::transfer_message_count(uint64_t workerId) const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto it = m_transferCounts.find(workerId);
+    return it == m_transferCounts.end() ? 0 : it->second;
 }
 
 void Host::drop_connections() {

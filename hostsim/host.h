@@ -167,6 +167,13 @@ class Host {
     void close_at(uint64_t n);
     // Closes every open connection now (the guest reconnects on its next call).
     void drop_connections();
+    // Faults counted over one transfer: its `nth` message (from 1, every message that
+    // carries `workerId` and would go to a worker handler, whatever its command) is
+    // answered with `status` instead of by its handler, or, with close_transfer_at, its
+    // connection is closed unanswered, so that the guest's exchange is lost. Once each.
+    void fail_transfer_nth(uint64_t workerId, uint64_t nth, uint32_t status,
+                           FaultLevel level = FaultLevel::Reply);
+    void close_transfer_at(uint64_t workerId, uint64_t nth);
 
     // --- observation -----------------------------------------------------------------
     Trace& trace() { return m_trace; }
@@ -177,6 +184,8 @@ class Host {
     // Requests received so far: all of them, and of one DnD command.
     uint64_t request_count() const;
     uint64_t message_count(uint32_t command) const;
+    // Messages of the transfer `workerId` received so far, as the transfer faults count them.
+    uint64_t transfer_message_count(uint64_t workerId) const;
 
   private:
     struct Connection;
@@ -189,6 +198,12 @@ class Host {
         uint32_t command;
         uint64_t nth;
         uint32_t status;
+        FaultLevel level;
+    };
+    struct TransferFault {
+        uint64_t workerId;
+        uint64_t nth;
+        std::optional<uint32_t> status;  // none: close the connection
         FaultLevel level;
     };
 
@@ -228,6 +243,8 @@ class Host {
     std::vector<StatusFault> m_statusFaults;
     std::vector<DelayFault> m_delayFaults;
     std::vector<uint64_t> m_closeAt;
+    std::vector<TransferFault> m_transferFaults;
+    std::map<uint64_t, uint64_t> m_transferCounts;
     std::map<uint32_t, uint64_t> m_commandCounts;
     uint64_t m_requests = 0;
     bool m_toolStopped = false;

@@ -131,6 +131,26 @@ TEST_F(HostTest, FaultsHitExactlyTheNthMessageAndHandlersShapeReplies) {
     EXPECT_TRUE(host.trace().contains("host->guest 259 completion=0xf0000025"));
 }
 
+// Transfer faults count every message of one workerId, whatever its command, and leave
+// other transfers and the operation-less commands alone.
+TEST_F(HostTest, TransferFaultsHitTheNthMessageOfTheirTransferOnly) {
+    host.set_worker_handler(7, [](hostsim::Exchange&) { return 0u; });
+    host.fail_transfer_nth(7, 2, 5);
+    host.close_transfer_at(7, 4);
+    EXPECT_EQ(dnd::status(exchange(dnd::kCmdTransferStart, 7).data()), 0u);
+    EXPECT_EQ(dnd::status(exchange(dnd::kCmdTransferStart, 8).data()), 0u);
+    EXPECT_EQ(dnd::status(exchange(dnd::kCmdPoll).data()), 0u) << "no message of a transfer";
+    EXPECT_EQ(dnd::status(exchange(dnd::kCmdNextItem, 7).data()), 5u);
+    EXPECT_EQ(dnd::status(exchange(dnd::kCmdDialog, 7).data()), 0u);
+    const uint64_t requests = host.request_count();
+    EXPECT_TRUE(exchange(dnd::kCmdLinkTarget, 7).empty()) << "the exchange is lost";
+    EXPECT_TRUE(host.trace().wait_for_line("closed at message 4 of transfer 7", 2s));
+    EXPECT_EQ(dnd::status(exchange(dnd::kCmdEnd, 7).data()), 0u) << "once, on a new connection";
+    EXPECT_EQ(host.request_count(), requests + 2);
+    EXPECT_EQ(host.transfer_message_count(7), 5u);
+    EXPECT_EQ(host.transfer_message_count(8), 1u);
+}
+
 int raw_connect(const std::string& path);
 
 // A poll frame as the guest sends it: the record, and a reply buffer without contents.
