@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,7 @@
 
 #include "hostsim/drag_player.h"
 #include "hostsim/host.h"
+#include "hostsim/hostile.h"
 #include "hostsim/progress.h"
 #include "hostsim/tree_sink.h"
 #include "hostsim/tree_source.h"
@@ -81,6 +83,10 @@ int main(int argc, char** argv) {
     std::vector<std::string> drops;
     std::vector<std::string> guestDrags;
     uint32_t prepareValue = 0;
+    std::vector<std::string> hostile;
+    hostsim::HostileSetting hostileSetting;
+    bool listHostile = false;
+    std::vector<std::string> transferFaults;
     app.add_option("--root", root, "Platform root (default: $QVX_PLATFORM_ROOT or /)");
     app.add_flag("--trace", trace, "Print each exchange as it happens");
     app.add_option("--command", commands, "Queue a host command CODE[:WORKER] (repeatable)");
@@ -125,7 +131,27 @@ int main(int argc, char** argv) {
                    "WORKER:NEWWORKER[:copy|move|ACTION] (repeatable, one per drag); a copy "
                    "sends its files under NEWWORKER, into --receive-into; a move has the "
                    "guest delete them");
+    app.add_option("--hostile", hostile,
+                   "Serve the named attack to the guest's receive with workerId WORKER, in "
+                   "place of a tree: NAME:WORKER (repeatable; --list-hostile names them)");
+    app.add_flag("--list-hostile", listHostile, "Print the attacks --hostile knows and exit");
+    app.add_option("--hostile-outside", hostileSetting.outside,
+                   "The folder outside the guest's destination the attacks' links name");
+    app.add_option("--hostile-outside-file", hostileSetting.outsideFile,
+                   "The file outside the guest's destination the attacks' links name");
+    app.add_option("--hostile-guest", hostileSetting.guestFolder,
+                   "The guest's destination, for the attacks that also change it behind the "
+                   "guest's back");
+    app.add_option("--fail-transfer", transferFaults,
+                   "Answer status STATUS to the N-th message of the transfer WORKER, or close "
+                   "its connection unanswered: WORKER:N:STATUS or WORKER:N:close (repeatable)");
     CLI11_PARSE(app, argc, argv);
+    if (listHostile) {
+        for (const std::string& name : hostsim::hostile_attack_names())
+            std::printf("%-28s %s\n", name.c_str(),
+                        hostsim::hostile_attack(name, hostileSetting)->summary.c_str());
+        return 0;
+    }
 
     // Block the stop signals before any thread starts, so only sigwait below sees them.
     sigset_t stopSignals;
@@ -193,6 +219,32 @@ int main(int argc, char** argv) {
             return 1;
         }
         sources[worker] = std::make_shared<hostsim::TreeSource>(std::move(items), policy);
+    }
+    for (const auto& h : hostile) {
+        const size_t colon = h.rfind(':');
+        uint64_t worker = 0;
+        std::optional<hostsim::HostileAttack> attack;
+        if (colon == std::string::npos || !parse_u64(h.substr(colon + 1), worker) ||
+            !(attack = hostsim::hostile_attack(h.substr(0, colon), hostileSetting))) {
+            std::fprintf(stderr, "qvxhost: bad --hostile %s (--list-hostile names the attacks)\n",
+                         h.c_str());
+            return 2;
+        }
+        sources[worker] = hostsim::hostile_source(*attack);
+    }
+    for (const auto& f : transferFaults) {
+        const auto parts = split(f);
+        uint64_t worker = 0, nth = 0, status = 0;
+        const bool close = parts.size() == 3 && parts[2] == "close";
+        if (parts.size() != 3 || !parse_u64(parts[0], worker) || !parse_u64(parts[1], nth) ||
+            (!close && !parse_u64(parts[2], status))) {
+            std::fprintf(stderr, "qvxhost: bad --fail-transfer %s\n", f.c_str());
+            return 2;
+        }
+        if (close)
+            host.close_transfer_at(worker, nth);
+        else
+            host.fail_transfer_nth(worker, nth, static_cast<uint32_t>(status));
     }
     std::unique_ptr<hostsim::TreeSink> sink;
     if (!receiveInto.empty()) {
