@@ -189,6 +189,10 @@ bool query_link_target(const Receive& rx, Item& item) {
     put_name(out.data(), item.info.name);  // read_file_entry let no longer name through
     size_t size = kLinkReplyInitial;
     for (;;) {
+        // The guest cannot tell how many bytes the host wrote, and the buffer still holds
+        // the last chunk of data: cleared, a length that reaches past the target sent
+        // reads NULs, which no target has, instead of old bytes taken for a target.
+        std::memset(rx.buffer, 0, size);
         if (!exchange(rx, out.data(), rx.buffer, size)) return false;
         const uint32_t st = status(rx.buffer);
         if (st == kStatusBufferTooSmall) {
