@@ -35,19 +35,24 @@ class JobHost {
     uint64_t new_worker() { return ++m_lastWorker; }
 
     // Runs a job the way its thread would, with the context's send function counting the
-    // 260s the guest sends. Returns that count.
+    // 260s the guest sends. Returns that count. Nothing follows the 260 but, when the host
+    // refused a checked 260, the one notice that reports it.
     int run(qvx::TransferJob job) {
         int ends = 0;
+        std::vector<uint32_t> after;
         qvx::CommonMacCommunicator* communicator = m_communicator.get();
         const qvx::DnDContext ctx{
             job.workerId, communicator,
-            [&ends](qvx::CommonMacCommunicator* c, const void* out, uint32_t outSize, void* reply,
-                    uint32_t replySize) {
-                if (qvx::dnd::command(static_cast<const uint8_t*>(out)) == qvx::dnd::kCmdEnd)
-                    ++ends;
+            [&ends, &after](qvx::CommonMacCommunicator* c, const void* out, uint32_t outSize,
+                            void* reply, uint32_t replySize) {
+                const uint32_t command = qvx::dnd::command(static_cast<const uint8_t*>(out));
+                if (ends > 0) after.push_back(command);
+                if (command == qvx::dnd::kCmdEnd) ++ends;
                 return qvx::SendDnDCommand(c, out, outSize, reply, replySize);
             }};
         qvx::RunTransferJob(job, ctx);
+        EXPECT_TRUE(after.empty() || after == std::vector<uint32_t>{qvx::dnd::kCmdDialog})
+            << after.size() << " messages after the 260";
         return ends;
     }
 

@@ -2,8 +2,11 @@
 #include "support/temp_dir.h"
 
 #include <dirent.h>
+#include <linux/magic.h>
+#include <sys/statfs.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -11,10 +14,22 @@
 
 namespace qvxtest {
 
-TempDir::TempDir() {
-    char templ[] = "/tmp/qvxtest.XXXXXX";
-    const char* made = mkdtemp(templ);
-    m_path = made ? made : "/tmp";
+const char* memory_temp_parent() {
+    struct statfs fs {};
+    const bool memory = ::statfs("/dev/shm", &fs) == 0 && fs.f_type == TMPFS_MAGIC &&
+                        ::access("/dev/shm", W_OK) == 0;
+    return memory ? "/dev/shm" : "/tmp";
+}
+
+TempDir::TempDir(const std::string& parent) {
+    std::string templ = parent + "/qvxtest.XXXXXX";
+    const char* made = mkdtemp(templ.data());
+    if (!made) {
+        // Going on would write into, and at the end remove, whatever `parent` holds.
+        std::perror("TempDir: mkdtemp");
+        std::abort();
+    }
+    m_path = made;
 }
 
 TempDir::~TempDir() {

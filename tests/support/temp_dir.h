@@ -5,9 +5,14 @@
 
 namespace qvxtest {
 
+// A folder in memory (/dev/shm) where the system has one, else /tmp. Tests that create
+// and remove thousands of files use it: on a disk file system, allocating inodes just
+// freed costs them most of their time.
+const char* memory_temp_parent();
+
 class TempDir {
-public:
-    TempDir();
+  public:
+    explicit TempDir(const std::string& parent = "/tmp");
     ~TempDir();
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
@@ -15,7 +20,7 @@ public:
     const std::string& path() const { return m_path; }
     std::string operator/(const std::string& relative) const { return m_path + "/" + relative; }
 
-private:
+  private:
     std::string m_path;
 };
 
