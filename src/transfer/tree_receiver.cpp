@@ -465,7 +465,11 @@ bool apply_item_info(Receive& rx, Item& item) {
     info.createDate = catalog_date(item.info.creationTime);
     info.contentModDate = catalog_date(item.info.modificationTime);
     info.accessDate = catalog_date(item.info.accessTime);
-    if (item.info.modeValid != 0) info.permissions.mode = item.info.mode;
+    // The host's set-user-ID and set-group-ID bits are dropped: a host must not be able to
+    // plant a program that runs with the rights of whoever owns the received copy.
+    if (item.info.modeValid != 0) {
+        info.permissions.mode = item.info.mode & ~static_cast<uint16_t>(S_ISUID | S_ISGID);
+    }
     if (FSSetCatalogInfo(&ref, which, &info) != noErr) return false;
 
     struct timespec times[2] = {

@@ -174,11 +174,11 @@ TEST_P(Receiver, FolderMarkedNotToBeCreatedIsNeverCreated) {
 TEST_P(Receiver, ItemsGetTimesModeAndLockTheLockLastAndNeverThroughALink) {
     SourceItem locked = file(u"\\locked", "l");
     locked.attributes = kAttrLocked;
-    locked.mode = 0100604;
+    locked.mode = 0106604;  // set-user-ID and set-group-ID never arrive
     locked.creationTime = ticks(1'500'000'000);
     locked.modificationTime = ticks(1'600'000'000);
     SourceItem dir = folder(u"\\d");
-    dir.mode = 040711;
+    dir.mode = 042711;
     dir.modificationTime = ticks(1'500'000'000);
     SourceItem outward = link(u"\\L", Utf8ToUtf16(m_dir / "outside/keep"));
     outward.modificationTime = ticks(1'500'000'000);
