@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -39,8 +40,10 @@ class RawPeer {
   public:
     using Reply =
         std::function<std::optional<std::vector<uint8_t>>(const std::vector<uint8_t>& body)>;
-    RawPeer(const std::string& name, Reply reply, size_t piece)
-        : m_reply(std::move(reply)), m_piece(piece) {
+    // `midway`, if given, runs once a reply's first piece has gone out, before the rest.
+    RawPeer(const std::string& name, Reply reply, size_t piece,
+            std::function<void()> midway = nullptr)
+        : m_reply(std::move(reply)), m_piece(piece), m_midway(std::move(midway)) {
         m_path = platform::iokit_service_path(name);
         qvxtest::make_dirs(m_path.substr(0, m_path.rfind('/')));
         unlink(m_path.c_str());
@@ -91,16 +94,19 @@ class RawPeer {
                 if (!reply) continue;
                 const std::vector<uint8_t>& out = *reply;
                 if (out.empty()) return;
-                for (size_t at = 0; at < out.size(); at += m_piece)
+                for (size_t at = 0; at < out.size(); at += m_piece) {
+                    if (at > 0 && at == m_piece && m_midway) m_midway();
                     if (send(c, out.data() + at, std::min(m_piece, out.size() - at), MSG_NOSIGNAL) <
                         0)
                         return;
+                }
             }
         }
     }
     std::string m_path;
     Reply m_reply;
     size_t m_piece;
+    std::function<void()> m_midway;
     int m_fd = -1;
     std::atomic<int> m_accepted{0};
     std::atomic<int> m_requests{0};
@@ -324,6 +330,57 @@ TEST_F(IOKitTest, SignalEndsTheWaitForAReplyAndItsSocketUnlessTheThreadBlocksIt)
 
     // The blocked signals are still pending on that (ended) thread; none was handled.
     EXPECT_EQ(g_handled, 0);
+    IOServiceClose(connect);
+    std::signal(SIGUSR1, previous);
+}
+
+// A reply of a whole data chunk fills its buffer; a host that stops in the middle of a reply
+// still leaves the caller's wait to a signal.
+TEST_F(IOKitTest, LargeReplyArrivesWholeAndASignalEndsAWaitInMidReply) {
+    const auto previous = std::signal(SIGUSR1, count_signal);
+    constexpr uint32_t kLarge = 2196 + 131072;
+    std::atomic<bool> stall{false};
+    std::mutex mutex;
+    std::condition_variable cv;
+    bool released = false;
+    RawPeer peer(
+        "QvxMidwayGate",
+        [&](const std::vector<uint8_t>&) -> std::optional<std::vector<uint8_t>> {
+            return reply_frame(kLarge);
+        },
+        /*piece=*/100 * 1024,
+        [&] {
+            if (!stall) return;
+            std::unique_lock lock(mutex);
+            cv.wait_for(lock, std::chrono::seconds(3), [&] { return released; });
+        });
+    io_connect_t connect = open_service("QvxMidwayGate");
+    ASSERT_NE(connect, 0u);
+    std::vector<uint8_t> out(2196, 0x44), reply(kLarge + 16, 0);
+    uint32_t status = 0;
+    ASSERT_EQ(call_dnd(connect, out, reply, status), kIOReturnSuccess);
+    EXPECT_EQ(status, 7u);
+    EXPECT_EQ(std::count(reply.begin(), reply.begin() + kLarge, 0x5A), kLarge);
+    EXPECT_EQ(std::count(reply.begin() + kLarge, reply.end(), 0), 16);
+
+    stall = true;
+    status = 0;
+    std::chrono::milliseconds took{};
+    EXPECT_EQ(
+        call_under_signals([&] { return call_dnd(connect, out, reply, status); }, false, took),
+        kIOReturnAborted);
+    EXPECT_EQ(status, toolgate::kStatusUnset);
+    EXPECT_LT(took.count(), 2000);
+    stall = false;
+    {
+        std::lock_guard lock(mutex);
+        released = true;
+    }
+    cv.notify_all();
+    // The next call goes out on a new socket and is answered in full.
+    ASSERT_EQ(call_dnd(connect, out, reply, status), kIOReturnSuccess);
+    EXPECT_EQ(status, 7u);
+    EXPECT_EQ(peer.accepted(), 2);
     IOServiceClose(connect);
     std::signal(SIGUSR1, previous);
 }

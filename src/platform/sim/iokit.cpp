@@ -3,9 +3,9 @@
 #include <IOKit/IOKitLib.h>
 
 #include <errno.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/uio.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -33,6 +33,9 @@ namespace le = qvx::le;
 using toolgate::FrameBuffer;
 
 constexpr mach_port_t kMasterPort = 0x0b03;
+// Any finite time-out makes a signal end a waiting receive (see connect_socket); when it
+// runs out, the receive is simply made again.
+constexpr time_t kReceiveTimeoutSeconds = 24 * 60 * 60;
 
 // The sockets of one user-client connection. Frames carry no request id, so concurrent
 // calls each need a socket of their own: a call takes an idle socket (or opens one) and
@@ -80,6 +83,15 @@ int connect_socket(const std::string& path) {
         close(fd);
         return -1;
     }
+    // A receive on a socket with a time-out is never restarted after a signal handler, not
+    // even one installed with SA_RESTART (as signal() does): the signal ends a blocking
+    // read of the reply with EINTR, so no poll is needed before it. The time-out itself
+    // only makes the wait start again.
+    const timeval wait{kReceiveTimeoutSeconds, 0};
+    if (setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait) != 0) {
+        close(fd);
+        return -1;
+    }
     return fd;
 }
 
@@ -105,48 +117,58 @@ SendResult send_all(int fd, iovec* iov, int iovcnt) {
 
 enum class ReadResult { Done, Lost, Interrupted };
 
-// Reads into the iovecs until at least `atLeast` bytes have come (never more than they
-// hold); `got` counts them. The waiting is done in poll, not in a blocking read: a handler
-// installed with signal() restarts an interrupted read, so the caller's signal would go
-// unnoticed, while poll is never restarted. `waitFirst` skips the read attempt that would
-// find nothing yet (the start of a reply).
-ReadResult read_at_least(int fd, iovec* iov, int iovcnt, size_t atLeast, bool waitFirst,
-                         size_t& got) {
-    got = 0;
-    while (iovcnt > 0 && iov->iov_len == 0) {
-        ++iov;
-        --iovcnt;
-    }
-    bool wait = waitFirst;
-    while (iovcnt > 0 && got < atLeast) {
-        if (wait) {
-            pollfd p{fd, POLLIN, 0};
-            if (poll(&p, 1, -1) < 0)
-                return errno == EINTR ? ReadResult::Interrupted : ReadResult::Lost;
-        }
+// One blocking recvmsg; `waitAll` waits until the iovecs are full. A signal that comes
+// while nothing has arrived ends it with Interrupted; one that comes after some bytes
+// leaves a short count, and the caller's next receive waits again (to be ended by the
+// next signal, should the host stop in mid-frame).
+ReadResult receive_some(int fd, iovec* iov, int iovcnt, bool waitAll, size_t& n) {
+    for (;;) {
         msghdr msg{};
         msg.msg_iov = iov;
         msg.msg_iovlen = static_cast<size_t>(iovcnt);
-        const ssize_t n = recvmsg(fd, &msg, MSG_DONTWAIT);
-        if (n == 0) return ReadResult::Lost;
-        if (n < 0) {
-            if (errno == EINTR) return ReadResult::Interrupted;
-            if (errno != EAGAIN && errno != EWOULDBLOCK) return ReadResult::Lost;
-            wait = true;
-            continue;
+        const ssize_t r = recvmsg(fd, &msg, waitAll ? MSG_WAITALL : 0);
+        if (r > 0) {
+            n = static_cast<size_t>(r);
+            return ReadResult::Done;
         }
-        toolgate::advance_iovecs(iov, iovcnt, static_cast<size_t>(n));
-        got += static_cast<size_t>(n);
-        wait = false;
+        if (r == 0) return ReadResult::Lost;
+        if (errno == EINTR) return ReadResult::Interrupted;
+        // The receive time-out ran out: wait again.
+        if (errno != EAGAIN && errno != EWOULDBLOCK) return ReadResult::Lost;
+    }
+}
+
+// Reads into the iovecs until at least `atLeast` bytes have come, never more than they
+// hold, without waiting for more than that (the iovecs may hold more than the host
+// sends); `got` counts them.
+ReadResult read_at_least(int fd, iovec* iov, int iovcnt, size_t atLeast, size_t& got) {
+    size_t room = 0;
+    for (int i = 0; i < iovcnt; ++i) room += iov[i].iov_len;
+    const bool exact = room == atLeast;  // then nothing beyond is waited for
+    got = 0;
+    while (got < atLeast) {
+        size_t n = 0;
+        if (const ReadResult r = receive_some(fd, iov, iovcnt, exact, n); r != ReadResult::Done)
+            return r;
+        toolgate::advance_iovecs(iov, iovcnt, n);
+        got += n;
     }
     return ReadResult::Done;
 }
 
-// Fills the iovecs completely from what the host sends.
-ReadResult read_reply(int fd, iovec* iov, int iovcnt, bool waitFirst) {
-    size_t total = 0, got = 0;
-    for (int i = 0; i < iovcnt; ++i) total += iov[i].iov_len;
-    return read_at_least(fd, iov, iovcnt, total, waitFirst, got);
+// Fills the iovecs completely from what the host sends, normally in one call.
+ReadResult read_reply(int fd, iovec* iov, int iovcnt) {
+    while (iovcnt > 0 && iov->iov_len == 0) {
+        ++iov;
+        --iovcnt;
+    }
+    while (iovcnt > 0) {
+        size_t n = 0;
+        if (const ReadResult r = receive_some(fd, iov, iovcnt, true, n); r != ReadResult::Done)
+            return r;
+        toolgate::advance_iovecs(iov, iovcnt, n);
+    }
+    return ReadResult::Done;
 }
 
 // The buffers of one toolgate request as the frames describe them.
@@ -219,7 +241,7 @@ ExchangeResult exchange(int fd, const CallBuffers& call, uint32_t& status) {
     iovec first[2] = {{replyHeader, headerBytes}, {}};
     if (only >= 0) first[1] = {call.address[only], call.frame[only].size};
     size_t got = 0;
-    if (const ReadResult r = read_at_least(fd, first, only >= 0 ? 2 : 1, headerBytes, true, got);
+    if (const ReadResult r = read_at_least(fd, first, only >= 0 ? 2 : 1, headerBytes, got);
         r != ReadResult::Done)
         return exchange_result(r);
     uint32_t written[toolgate::kMaxBuffers];
@@ -235,7 +257,7 @@ ExchangeResult exchange(int fd, const CallBuffers& call, uint32_t& status) {
         const size_t skip = static_cast<int>(i) == only ? early : 0;
         if (written[i] > skip) iov[n++] = {call.address[i] + skip, written[i] - skip};
     }
-    if (const ReadResult r = read_reply(fd, iov, n, false); r != ReadResult::Done)
+    if (const ReadResult r = read_reply(fd, iov, n); r != ReadResult::Done)
         return exchange_result(r);
     status = le::get32(replyHeader, 4);
     return ExchangeResult::Done;
