@@ -227,6 +227,98 @@ TEST(Catalog, ReferenceFollowsTheObjectNotThePath) {
     expect_untouched(elsewhere, dir / "elsewhere");
 }
 
+// Files and folders take attribute calls on their own descriptor; one that cannot be read
+// (here refused by the seam) gets them through /proc; a pipe is named, never opened.
+TEST(Catalog, AttributeCallsTakeTheDescriptorAndSpecialFilesAreNeverOpened) {
+    TempDir dir;
+    qvxtest::write_file(dir / "f", "");
+    qvxtest::make_dirs(dir / "d");
+    ASSERT_EQ(::mkfifo((dir / "pipe").c_str(), 0644), 0);
+    using platform::Sys;
+    const FSCatalogInfo values = new_values();
+    for (const bool readable : {true, false}) {
+        qvxtest::FaultScope faults;
+        if (!readable) {
+            faults.table().openat = [](int d, const char* n, int flags, mode_t m) {
+                if (!(flags & O_PATH)) return errno = EACCES, -1;
+                return platform::real_syscalls()->openat(d, n, flags, m);
+            };
+        }
+        faults.install();
+        for (const auto& [name, format] : {std::pair{"f", S_IFREG}, std::pair{"d", S_IFDIR}}) {
+            SCOPED_TRACE(std::string(name) + (readable ? " readable" : " unreadable"));
+            platform::fault_reset_counts();
+            FSRef ref;
+            ASSERT_EQ(make_ref(dir / name, &ref), noErr);
+            ASSERT_EQ(FSSetCatalogInfo(&ref, kWritable, &values), noErr);
+            expect_new_values(info_of(ref), format);
+            const uint64_t byPath = platform::fault_calls(Sys::listxattr) +
+                                    platform::fault_calls(Sys::setxattr) +
+                                    platform::fault_calls(Sys::getxattr);
+            const uint64_t byDescriptor = platform::fault_calls(Sys::flistxattr) +
+                                          platform::fault_calls(Sys::fsetxattr) +
+                                          platform::fault_calls(Sys::fgetxattr);
+            EXPECT_EQ(byPath > 0, !readable);
+            EXPECT_EQ(byDescriptor > 0, readable);
+        }
+    }
+    FSRef pipe;
+    ASSERT_EQ(make_ref(dir / "pipe", &pipe), noErr);
+    EXPECT_EQ(info_of(pipe).permissions.mode & S_IFMT, S_IFIFO);
+    // A writer finds no reader: the reference did not open the pipe.
+    EXPECT_EQ(::open((dir / "pipe").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC), -1);
+    EXPECT_EQ(errno, ENXIO);
+}
+
+// The name is swapped between the look at its type and the open: for a link, which must not
+// be followed, and for a folder, whose descriptor must not pass for a file's. Either way the
+// reference names what the name holds once it is made, as an O_PATH one made at that moment
+// would, and the item first named is left alone.
+TEST(Catalog, NameSwappedWhileTheReferenceIsMadeIsNeverFollowed) {
+    for (const bool toLink : {true, false}) {
+        SCOPED_TRACE(toLink ? "swapped for a link" : "swapped for a folder");
+        TempDir dir;
+        qvxtest::write_file(dir / "item", "mine");
+        qvxtest::write_file(dir / "elsewhere", "theirs");
+        static std::string s_dir;
+        static bool s_toLink;
+        s_dir = dir.path();
+        s_toLink = toLink;
+        const struct stat item = lstat_of(dir / "item");
+        const struct stat elsewhere = lstat_of(dir / "elsewhere");
+        qvxtest::FaultScope faults;
+        faults.table().openat = [](int d, const char* n, int flags, mode_t m) {
+            if (!(flags & O_PATH)) {
+                const std::string path = s_dir + "/item";
+                ::rename(path.c_str(), (s_dir + "/moved").c_str());
+                if (s_toLink)
+                    ::symlink((s_dir + "/elsewhere").c_str(), path.c_str());
+                else
+                    ::mkdir(path.c_str(), 0700);
+            }
+            return platform::real_syscalls()->openat(d, n, flags, m);
+        };
+        faults.install();
+        FSRef ref;
+        Boolean isDirectory = 2;
+        ASSERT_EQ(make_ref(dir / "item", &ref, &isDirectory), noErr);
+        platform::set_syscalls(nullptr);
+        EXPECT_EQ(isDirectory, !toLink);
+        const FSCatalogInfo values = new_values();
+        ASSERT_EQ(FSSetCatalogInfo(&ref, kWritable, &values), noErr);
+        const FSCatalogInfo got = info_of(ref);
+        EXPECT_EQ(got.permissions.mode & S_IFMT, toLink ? S_IFLNK : S_IFDIR);
+        if (!toLink) expect_new_values(got, S_IFDIR);
+        // The rename changed its ctime; nothing else may have changed.
+        const struct stat moved = lstat_of(dir / "moved");
+        EXPECT_EQ(moved.st_mode, item.st_mode);
+        EXPECT_EQ(moved.st_mtim.tv_sec, item.st_mtim.tv_sec);
+        EXPECT_EQ(moved.st_mtim.tv_nsec, item.st_mtim.tv_nsec);
+        EXPECT_EQ(::lgetxattr((dir / "moved").c_str(), "user.quorvex.crtime", nullptr, 0), -1);
+        expect_untouched(elsewhere, dir / "elsewhere");
+    }
+}
+
 TEST(Catalog, ChildNamesNeverClimbOrFollowALink) {
     TempDir dir;
     qvxtest::write_file(dir / "d/x", "x");

@@ -194,6 +194,10 @@ TEST_P(Receiver, ItemsGetTimesModeAndLockTheLockLastAndNeverThroughALink) {
         g_last = n;
         return platform::real_syscalls()->setxattr(p, n, v, s, f);
     };
+    m_faults.table().fsetxattr = [](int fd, const char* n, const void* v, size_t s, int f) {
+        g_last = n;
+        return platform::real_syscalls()->fsetxattr(fd, n, v, s, f);
+    };
     m_faults.install();
     SourceHost host({outward, dir, end_of(2), locked, end_of(1)});
     EXPECT_EQ(receive(host), kTransferDone);

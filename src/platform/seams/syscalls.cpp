@@ -105,6 +105,10 @@ constexpr SyscallTable kReal{
     .setxattr = ::setxattr,
     .removexattr = ::removexattr,
     .listxattr = ::listxattr,
+    .fgetxattr = ::fgetxattr,
+    .fsetxattr = ::fsetxattr,
+    .fremovexattr = ::fremovexattr,
+    .flistxattr = ::flistxattr,
     .readlinkat = ::readlinkat,
     .openat2 = real_openat2,
     .mkdirat = ::mkdirat,
@@ -303,6 +307,18 @@ int sys_removexattr(const char* path, const char* name) {
 }
 ssize_t sys_listxattr(const char* path, char* list, size_t size) {
     return fires(Sys::listxattr) ? -1 : table().listxattr(path, list, size);
+}
+ssize_t sys_fgetxattr(int fd, const char* name, void* value, size_t size) {
+    return fires(Sys::fgetxattr) ? -1 : table().fgetxattr(fd, name, value, size);
+}
+int sys_fsetxattr(int fd, const char* name, const void* value, size_t size, int flags) {
+    return fires(Sys::fsetxattr) ? -1 : table().fsetxattr(fd, name, value, size, flags);
+}
+int sys_fremovexattr(int fd, const char* name) {
+    return fires(Sys::fremovexattr) ? -1 : table().fremovexattr(fd, name);
+}
+ssize_t sys_flistxattr(int fd, char* list, size_t size) {
+    return fires(Sys::flistxattr) ? -1 : table().flistxattr(fd, list, size);
 }
 ssize_t sys_readlinkat(int dirFd, const char* name, char* buffer, size_t size) {
     return fires(Sys::readlinkat) ? -1 : table().readlinkat(dirFd, name, buffer, size);

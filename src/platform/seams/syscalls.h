@@ -65,6 +65,11 @@ struct SyscallTable {
     int (*setxattr)(const char* path, const char* name, const void* value, size_t size, int flags);
     int (*removexattr)(const char* path, const char* name);
     ssize_t (*listxattr)(const char* path, char* list, size_t size);
+    // The same on a descriptor opened for reading or writing (an O_PATH one gets EBADF).
+    ssize_t (*fgetxattr)(int fd, const char* name, void* value, size_t size);
+    int (*fsetxattr)(int fd, const char* name, const void* value, size_t size, int flags);
+    int (*fremovexattr)(int fd, const char* name);
+    ssize_t (*flistxattr)(int fd, char* list, size_t size);
     ssize_t (*readlinkat)(int dirFd, const char* name, char* buffer, size_t size);
     // openat2 takes the kernel's struct open_how; ENOSYS where the kernel lacks it.
     int (*openat2)(int dirFd, const char* name, struct open_how* how, size_t size);
@@ -114,6 +119,10 @@ enum class Sys : uint8_t {
     setxattr,
     removexattr,
     listxattr,
+    fgetxattr,
+    fsetxattr,
+    fremovexattr,
+    flistxattr,
     readlinkat,
     openat2,
     mkdirat,
@@ -172,6 +181,10 @@ ssize_t sys_getxattr(const char* path, const char* name, void* value, size_t siz
 int sys_setxattr(const char* path, const char* name, const void* value, size_t size, int flags);
 int sys_removexattr(const char* path, const char* name);
 ssize_t sys_listxattr(const char* path, char* list, size_t size);
+ssize_t sys_fgetxattr(int fd, const char* name, void* value, size_t size);
+int sys_fsetxattr(int fd, const char* name, const void* value, size_t size, int flags);
+int sys_fremovexattr(int fd, const char* name);
+ssize_t sys_flistxattr(int fd, char* list, size_t size);
 ssize_t sys_readlinkat(int dirFd, const char* name, char* buffer, size_t size);
 int sys_openat2(int dirFd, const char* name, struct open_how* how, size_t size);
 int sys_mkdirat(int dirFd, const char* name, mode_t mode);

@@ -21,11 +21,13 @@ namespace platform {
 struct FSRefAccess {
     static int fd(const FSRef& ref) { return ref.m_fd; }
     static UInt32 format(const FSRef& ref) { return ref.m_format; }
+    static bool opened(const FSRef& ref) { return ref.m_opened; }
     // Hands `fd` to `ref`, releasing what it held before.
-    static void assign(FSRef& ref, int fd, UInt32 format) {
+    static void assign(FSRef& ref, int fd, UInt32 format, bool opened) {
         FSRef made;
         made.m_fd = fd;
         made.m_format = format;
+        made.m_opened = opened;
         ref = std::move(made);
     }
 };
@@ -33,13 +35,16 @@ struct FSRefAccess {
 }  // namespace platform
 
 FSRef::FSRef(FSRef&& other) noexcept
-    : m_fd(std::exchange(other.m_fd, -1)), m_format(std::exchange(other.m_format, 0)) {}
+    : m_fd(std::exchange(other.m_fd, -1)),
+      m_format(std::exchange(other.m_format, 0)),
+      m_opened(std::exchange(other.m_opened, false)) {}
 
 FSRef& FSRef::operator=(FSRef&& other) noexcept {
     if (this != &other) {
         if (m_fd >= 0) platform::sys_close(m_fd);
         m_fd = std::exchange(other.m_fd, -1);
         m_format = std::exchange(other.m_format, 0);
+        m_opened = std::exchange(other.m_opened, false);
     }
     return *this;
 }
@@ -97,22 +102,44 @@ OSErr from_errno(int error) {
     }
 }
 
-// chmod, utimensat and the attribute calls take no O_PATH descriptor, but the descriptor's
-// /proc/self/fd entry leads to the object itself: following that entry goes no further,
-// so a reference to a link reaches the link and never its target.
-class ObjectPath {
+// Where the attribute calls reach an object. A descriptor open for reading takes them
+// itself. An O_PATH one does not, but its /proc/self/fd entry leads to the object itself:
+// following that entry goes no further, so a reference to a link reaches the link and never
+// its target. The entry costs a path walk through /proc on every call, more than the rest
+// of a catalog call, which is why references to files and folders hold a readable one.
+class ObjectAccess {
   public:
-    explicit ObjectPath(int fd) { std::snprintf(m_text, sizeof m_text, "/proc/self/fd/%d", fd); }
+    ObjectAccess(int fd, bool opened) : m_fd(fd), m_opened(opened) {
+        std::snprintf(m_text, sizeof m_text, "/proc/self/fd/%d", fd);
+    }
     const char* c_str() const { return m_text; }
+    ssize_t get(const char* name, void* value, size_t size) const {
+        return m_opened ? platform::sys_fgetxattr(m_fd, name, value, size)
+                        : platform::sys_getxattr(m_text, name, value, size);
+    }
+    int set(const char* name, const void* value, size_t size) const {
+        return m_opened ? platform::sys_fsetxattr(m_fd, name, value, size, 0)
+                        : platform::sys_setxattr(m_text, name, value, size, 0);
+    }
+    int remove(const char* name) const {
+        return m_opened ? platform::sys_fremovexattr(m_fd, name)
+                        : platform::sys_removexattr(m_text, name);
+    }
+    ssize_t list(char* names, size_t size) const {
+        return m_opened ? platform::sys_flistxattr(m_fd, names, size)
+                        : platform::sys_listxattr(m_text, names, size);
+    }
 
   private:
+    int m_fd;
+    bool m_opened;
     char m_text[32];
 };
 
 // Calls `call` on the object itself (AT_EMPTY_PATH on its descriptor, which is cheap),
 // or through its /proc entry where the kernel takes no empty path for the call.
 template <typename Call>
-bool by_descriptor(int fd, const ObjectPath& path, Call call) {
+bool by_descriptor(int fd, const ObjectAccess& path, Call call) {
     if (call(fd, "", AT_EMPTY_PATH) == 0) return true;
     if (errno != EINVAL && errno != ENOSYS) return false;
     return call(AT_FDCWD, path.c_str(), 0) == 0;
@@ -126,10 +153,10 @@ bool holds_attributes(UInt32 format) {
 // Reads an attribute of exactly `size` bytes. One that is absent, of another size, or on
 // a file system without user attributes leaves *present false; another failure returns
 // false with errno set.
-bool get_attribute(const ObjectPath& path, const char* name, uint8_t* value, size_t size,
+bool get_attribute(const ObjectAccess& path, const char* name, uint8_t* value, size_t size,
                    bool* present) {
     *present = false;
-    const ssize_t n = platform::sys_getxattr(path.c_str(), name, value, size);
+    const ssize_t n = path.get(name, value, size);
     if (n >= 0) {
         *present = static_cast<size_t>(n) == size;
         return true;
@@ -139,25 +166,24 @@ bool get_attribute(const ObjectPath& path, const char* name, uint8_t* value, siz
 
 // Stores an attribute; a file system without user attributes skips it. A flags word of
 // zero is stored as no attribute, so items that never had flags carry none.
-bool put_attribute(const ObjectPath& path, const char* name, const uint8_t* value, size_t size,
+bool put_attribute(const ObjectAccess& path, const char* name, const uint8_t* value, size_t size,
                    bool zeroIsAbsent) {
     if (zeroIsAbsent && std::all_of(value, value + size, [](uint8_t b) { return b == 0; })) {
-        if (platform::sys_removexattr(path.c_str(), name) == 0) return true;
+        if (path.remove(name) == 0) return true;
         return errno == ENODATA || errno == EOPNOTSUPP;
     }
-    if (platform::sys_setxattr(path.c_str(), name, value, size, 0) == 0) return true;
+    if (path.set(name, value, size) == 0) return true;
     return errno == EOPNOTSUPP;
 }
 
-// Which of our attributes an object has. Most items have none, and reaching an object
-// through its /proc entry costs more than the rest of a catalog read, so when several are
-// wanted one listing saves asking for each; a name not listed is absent.
+// Which of our attributes an object has. Most items have none, so when several are wanted
+// one listing saves asking for each; a name not listed is absent.
 class AttributeNames {
   public:
     // Lists the object's attributes; false (errno set) when that failed in a way a read of
     // each would have failed too.
-    bool list(const ObjectPath& path) {
-        const ssize_t n = platform::sys_listxattr(path.c_str(), m_names, sizeof m_names);
+    bool list(const ObjectAccess& path) {
+        const ssize_t n = path.list(m_names, sizeof m_names);
         if (n >= 0) {
             m_listed = true;
             m_size = static_cast<size_t>(n);
@@ -192,14 +218,14 @@ class AttributeNames {
 };
 
 // Reads an attribute the listing may show; an absent one reads as not present.
-bool get_listed(const ObjectPath& path, const AttributeNames& names, const char* name,
+bool get_listed(const ObjectAccess& path, const AttributeNames& names, const char* name,
                 uint8_t* value, size_t size, bool* present) {
     *present = false;
     return !names.may_hold(name) || get_attribute(path, name, value, size, present);
 }
 
 // A flags word kept in an attribute; 0 where there is none.
-bool get_flags(const ObjectPath& path, const AttributeNames& names, bool kept, const char* name,
+bool get_flags(const ObjectAccess& path, const AttributeNames& names, bool kept, const char* name,
                UInt16* flags) {
     uint8_t raw[2];
     bool present = false;
@@ -208,7 +234,7 @@ bool get_flags(const ObjectPath& path, const AttributeNames& names, bool kept, c
     return true;
 }
 
-bool put_flags(const ObjectPath& path, const char* name, UInt16 flags) {
+bool put_flags(const ObjectAccess& path, const char* name, UInt16 flags) {
     uint8_t raw[2];
     le::put16(raw, flags);
     return put_attribute(path, name, raw, sizeof raw, true);
@@ -260,8 +286,60 @@ FSVolumeRefNum volume_number(uint32_t major, uint32_t minor) {
     return static_cast<FSVolumeRefNum>(kFirst - static_cast<int>(i));
 }
 
-// Opens `name` under `dirFd` as a reference, never following a final link.
+// Failures of the open for reading after which the reference is still made, as an O_PATH
+// one: no read permission, a lease that would hold the open, or a name that no longer
+// holds what it held a moment before.
+bool named_instead(int error) {
+    switch (error) {
+        case EACCES:
+        case EPERM:
+        case EAGAIN:
+        case ELOOP:
+        case ENOTDIR:
+        case ENXIO:
+        case ENOENT:
+            return true;
+        default:
+            return false;
+    }
+}
+
+bool same_object(const struct statx& a, const struct statx& b) {
+    return (a.stx_mode & S_IFMT) == (b.stx_mode & S_IFMT) && a.stx_ino == b.stx_ino &&
+           a.stx_dev_major == b.stx_dev_major && a.stx_dev_minor == b.stx_dev_minor;
+}
+
+// Opens `name` under `dirFd` as a reference, never following a final link. A regular file
+// or folder is opened for reading, so that attribute calls take its descriptor; anything
+// else (a link, a device, a pipe) is never opened, only named with O_PATH. The type comes
+// from the name first, and a descriptor that is not that same object (the name changed in
+// between) is let go for one named afresh.
 OSErr open_ref(int dirFd, const char* name, FSRef* ref, Boolean* isDirectory) {
+    constexpr unsigned kIdentity = STATX_TYPE | STATX_INO;
+    struct statx named {};
+    if (platform::sys_statx(dirFd, name, AT_SYMLINK_NOFOLLOW, kIdentity, &named) != 0)
+        return from_errno(errno);
+    UInt32 format = named.stx_mode & S_IFMT;
+    if (holds_attributes(format)) {
+        const int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC |
+                          (format == S_IFDIR ? O_DIRECTORY : 0);
+        const int fd = platform::sys_openat(dirFd, name, flags);
+        if (fd < 0 && !named_instead(errno)) return from_errno(errno);
+        if (fd >= 0) {
+            struct statx opened {};
+            if (platform::sys_statx(fd, "", AT_EMPTY_PATH, kIdentity, &opened) != 0) {
+                const int error = errno;
+                platform::sys_close(fd);
+                return from_errno(error);
+            }
+            if (same_object(named, opened)) {
+                FSRefAccess::assign(*ref, fd, format, true);
+                if (isDirectory != nullptr) *isDirectory = format == S_IFDIR;
+                return noErr;
+            }
+            platform::sys_close(fd);
+        }
+    }
     const int fd = platform::sys_openat(dirFd, name, O_PATH | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) return from_errno(errno);
     struct statx sx {};
@@ -270,8 +348,8 @@ OSErr open_ref(int dirFd, const char* name, FSRef* ref, Boolean* isDirectory) {
         platform::sys_close(fd);
         return from_errno(error);
     }
-    const UInt32 format = sx.stx_mode & S_IFMT;
-    FSRefAccess::assign(*ref, fd, format);
+    format = sx.stx_mode & S_IFMT;
+    FSRefAccess::assign(*ref, fd, format, false);
     if (isDirectory != nullptr) *isDirectory = format == S_IFDIR;
     return noErr;
 }
@@ -344,7 +422,7 @@ OSErr FSGetCatalogInfo(const FSRef* ref, FSCatalogInfoBitmap whichInfo, FSCatalo
         return from_errno(errno);
     const bool folder = S_ISDIR(sx.stx_mode);
     const bool kept = holds_attributes(sx.stx_mode & S_IFMT);
-    const ObjectPath path(fd);
+    const ObjectAccess path(fd, FSRefAccess::opened(*ref));
     FSCatalogInfo& info = *catalogInfo;
     AttributeNames names;
     constexpr FSCatalogInfoBitmap kFromAttributes =
@@ -398,7 +476,7 @@ OSErr FSSetCatalogInfo(const FSRef* ref, FSCatalogInfoBitmap whichInfo,
     if (fd < 0) return errFSBadFSRef;
     if (whichInfo == 0) return noErr;
     const UInt32 format = FSRefAccess::format(*ref);
-    const ObjectPath path(fd);
+    const ObjectAccess path(fd, FSRefAccess::opened(*ref));
     const FSCatalogInfo& info = *catalogInfo;
 
     // Attributes first and the mode last: a mode without the owner's write bit would

@@ -86,8 +86,9 @@ struct FSRefAccess;
 }
 
 // A reference to one file-system object. On a Mac it is 80 opaque bytes; here it owns a
-// descriptor of the object (O_PATH, opened without following a final link) taken when the
-// reference is made, so a later rename or swap of the path does not redirect it. Mac code
+// descriptor of the object (opened without following a final link: for reading where it is
+// a regular file or folder that can be read, else O_PATH) taken when the reference is
+// made, so a later rename or swap of the path does not redirect it. Mac code
 // keeps references as locals and members and has no call to release them, so this one is
 // move-only and closes its descriptor when destroyed or assigned over: such code neither
 // leaks here nor changes on a Mac. A default-constructed or moved-from reference names
@@ -104,7 +105,8 @@ class FSRef {
   private:
     friend struct platform::FSRefAccess;
     int m_fd = -1;
-    UInt32 m_format = 0;  // the object's file type bits, fixed for its life
+    UInt32 m_format = 0;    // the object's file type bits, fixed for its life
+    bool m_opened = false;  // m_fd is open for reading, not O_PATH
 };
 typedef FSRef* FSRefPtr;
 
