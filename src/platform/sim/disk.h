@@ -11,7 +11,8 @@ namespace platform {
 // fcntl with the three macOS requests of syscalls.h translated; other commands pass through.
 //   F_NOCACHE 1 -> posix_fadvise DONTNEED (drop what is cached; Linux has no per-descriptor
 //                  "don't cache" switch short of O_DIRECT, whose alignment rules callers
-//                  don't follow), 0 -> NORMAL.
+//                  don't follow), 0 -> nothing (caching is always on; read-ahead advice
+//                  belongs to F_RDAHEAD and is left as it is).
 //   F_RDAHEAD 1 -> posix_fadvise SEQUENTIAL (wide read-ahead), 0 -> RANDOM (none).
 //   F_FULLFSYNC -> fsync.
 int disk_fcntl(int fd, int command, int argument);
