@@ -2,6 +2,7 @@
 // that fails the 1st, 2nd, 3rd ... call until an operation runs without a fault.
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 
 #include "platform/seams/syscalls.h"
@@ -25,6 +26,15 @@ class FaultScope {
 
     platform::SyscallTable& table() { return m_table; }
     void install() { platform::set_syscalls(&m_table); }
+    // openat2 answers ENOSYS, as on kernels without it: every name beneath a folder is
+    // then resolved by the component walk.
+    void force_component_walk() {
+        m_table.openat2 = [](int, const char*, struct open_how*, size_t) {
+            errno = ENOSYS;
+            return -1;
+        };
+        install();
+    }
 
   private:
     platform::SyscallTable m_table;

@@ -125,13 +125,7 @@ class HostileHost : public ::testing::TestWithParam<bool> {
     void SetUp() override {
         ASSERT_TRUE(s_jobs->ready());
         // The component walk stands in for openat2 where the kernel lacks it.
-        if (GetParam()) {
-            m_faults.table().openat2 = [](int, const char*, struct open_how*, size_t) {
-                errno = ENOSYS;
-                return -1;
-            };
-            m_faults.install();
-        }
+        if (GetParam()) m_faults.force_component_walk();
     }
 
     // A plain transfer right after an attack arrives whole: the tool still serves.
