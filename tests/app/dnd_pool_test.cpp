@@ -13,6 +13,7 @@
 #include "app/dnd_pool.h"
 #include "channel/dnd_message.h"
 #include "support/log_capture.h"
+#include "support/processes.h"
 
 namespace qvx {
 namespace {
@@ -52,14 +53,6 @@ class GatedHost {
     std::vector<std::pair<uint32_t, uint64_t>> m_ended;
     bool m_open = false;
 };
-
-bool wait_until(const std::function<bool()>& done) {
-    for (int i = 0; i < 1000; ++i) {
-        if (done()) return true;
-        std::this_thread::sleep_for(5ms);
-    }
-    return false;
-}
 
 TEST(DnDPool, StopJoinsListedJobsWhileOthersRemoveThemselves) {
     GatedHost host;
@@ -101,7 +94,7 @@ TEST(DnDPool, JobThatEndedIsNotJoinedAndEmptyStopReturns) {
     pool.Stop();  // nothing listed
     ASSERT_TRUE(pool.StartSend(1, 7, {}));
     ASSERT_TRUE(pool.StartSend(3, 7, {}));
-    ASSERT_TRUE(wait_until([&] { return pool.ListedCount() == 0; }));
+    ASSERT_TRUE(qvxtest::eventually([&] { return pool.ListedCount() == 0; }, 5s));
     // Both detached themselves; joining them here would be undefined behaviour.
     pool.Stop();
     EXPECT_EQ(host.sends().size(), 2u);

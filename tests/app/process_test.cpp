@@ -27,6 +27,19 @@ bool exists(const std::string& path) {
     return ::access(path.c_str(), F_OK) == 0;
 }
 
+size_t occurrences(const std::string& all, const std::string& text) {
+    size_t n = 0;
+    for (size_t pos = all.find(text); pos != std::string::npos; pos = all.find(text, pos + 1)) ++n;
+    return n;
+}
+
+// The index of the first line holding `text`, or -1.
+long line_of(const std::vector<std::string>& lines, const std::string& text) {
+    for (size_t i = 0; i < lines.size(); ++i)
+        if (lines[i].find(text) != std::string::npos) return static_cast<long>(i);
+    return -1L;
+}
+
 // A private simulated Mac: platform root with a log folder and a home of its own.
 class ToolProcessTest : public ::testing::Test {
   protected:
@@ -63,25 +76,14 @@ class ToolProcessTest : public ::testing::Test {
     std::optional<int> wait_exit(std::chrono::milliseconds timeout) {
         return qvxtest::wait_exit(m_pid, timeout);
     }
-    static std::optional<int> wait_exit(pid_t& pid, std::chrono::milliseconds timeout) {
-        return qvxtest::wait_exit(pid, timeout);
-    }
-    static bool wait_until(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
-        return qvxtest::eventually(done, timeout);
-    }
 
     // The stop as the log and the host saw it: the four stop lines in order after the
     // control thread's own, nothing reported as a failure, 257 then the unregistration.
     void expect_orderly_stop(const hostsim::Host& host) {
         EXPECT_TRUE(host.tool_stopped());
         const auto lines = host.trace().lines();
-        auto at = [&](const std::string& text) {
-            for (size_t i = 0; i < lines.size(); ++i)
-                if (lines[i].find(text) != std::string::npos) return static_cast<long>(i);
-            return -1L;
-        };
-        const long stop = at("guest->host 257");
-        const long unreg = at("unregister quorvex.DragDropTool.guest.mac");
+        const long stop = line_of(lines, "guest->host 257");
+        const long unreg = line_of(lines, "unregister quorvex.DragDropTool.guest.mac");
         EXPECT_GE(stop, 0);
         EXPECT_GT(unreg, stop);
 
@@ -99,13 +101,7 @@ class ToolProcessTest : public ::testing::Test {
     }
     std::string log() { return exists(log_path()) ? qvxtest::read_file(log_path()) : ""; }
     std::string log_path() { return m_root / "Library/Logs/quorvex.log"; }
-    size_t log_count(const std::string& text) {
-        const std::string all = log();
-        size_t n = 0;
-        for (size_t pos = all.find(text); pos != std::string::npos; pos = all.find(text, pos + 1))
-            ++n;
-        return n;
-    }
+    size_t log_count(const std::string& text) { return occurrences(log(), text); }
 
     qvxtest::TempDir m_root;
     pid_t m_pid = -1;
@@ -161,7 +157,7 @@ TEST_F(ToolProcessTest, StopSignalStopsInOrderAndSaysGoodbye) {
             host->trace().wait_for_line("expectation met: 256 after host command 10", 3000ms));
         EXPECT_TRUE(exists(m_root / "run/quorvex/desktop"));
         // The poll after 10 is held: the stop must end it.
-        ASSERT_TRUE(wait_until([&] { return host->message_count(259) == 2; }, 2000ms));
+        ASSERT_TRUE(qvxtest::eventually([&] { return host->message_count(259) == 2; }, 2000ms));
         const auto sent = Clock::now();
         ::kill(m_pid, sig);
         EXPECT_EQ(wait_exit(1000ms), std::optional<int>(0));
@@ -170,14 +166,9 @@ TEST_F(ToolProcessTest, StopSignalStopsInOrderAndSaysGoodbye) {
         EXPECT_FALSE(exists(m_root / "run/quorvex/desktop"));
 
         const auto lines = host->trace().lines();
-        auto at = [&](const std::string& text) {
-            for (size_t i = 0; i < lines.size(); ++i)
-                if (lines[i].find(text) != std::string::npos) return static_cast<long>(i);
-            return -1L;
-        };
-        const long reg = at("register quorvex.DragDropTool.guest.mac (DnD tool)");
+        const long reg = line_of(lines, "register quorvex.DragDropTool.guest.mac (DnD tool)");
         EXPECT_GE(reg, 0);
-        EXPECT_LT(reg, at("guest->host 259"));
+        EXPECT_LT(reg, line_of(lines, "guest->host 259"));
         EXPECT_NE(log().find("W /qvxdragdrop:"), std::string::npos);
         expect_orderly_stop(*host);
     }
@@ -207,18 +198,15 @@ TEST_F(ToolProcessTest, IdleToolWritesNothingAndStopsAtOnceWhileItsPollIsHeld) {
 TEST_F(ToolProcessTest, BoundedHoldOfQvxhostIsAnsweredWithZeroWhichTheToolClosesWith260) {
     const std::string tracePath = m_root / "host.trace";
     spawn_host({"--trace", "--poll-hold-ms", "250"}, tracePath);
-    ASSERT_TRUE(
-        wait_until([&] { return exists(m_root / "run/quorvex/iokit/QvxPCIToolGate"); }, 3000ms));
+    ASSERT_TRUE(qvxtest::eventually(
+        [&] { return exists(m_root / "run/quorvex/iokit/QvxPCIToolGate"); }, 3000ms));
     spawn();
     auto count = [&](const std::string& text) {
-        const std::string all = exists(tracePath) ? qvxtest::read_file(tracePath) : "";
-        size_t n = 0;
-        for (size_t pos = all.find(text); pos != std::string::npos; pos = all.find(text, pos + 1))
-            ++n;
-        return n;
+        return occurrences(exists(tracePath) ? qvxtest::read_file(tracePath) : "", text);
     };
     // Four times a second: host command 0, logged and closed with 260.
-    EXPECT_TRUE(wait_until([&] { return count("guest->host 260 end worker=0") >= 3; }, 5000ms));
+    EXPECT_TRUE(
+        qvxtest::eventually([&] { return count("guest->host 260 end worker=0") >= 3; }, 5000ms));
     EXPECT_GE(count("host->guest 259 status=0 worker=0"), 3u);
     EXPECT_GE(count("host->guest 260 status=0"), 3u);
     EXPECT_GE(log_count("[DNDTOOL] DnD command received [0]"), 3u);
@@ -226,7 +214,7 @@ TEST_F(ToolProcessTest, BoundedHoldOfQvxhostIsAnsweredWithZeroWhichTheToolCloses
     EXPECT_EQ(wait_exit(1000ms), std::optional<int>(0));
     EXPECT_EQ(log_count("Stop DnD Tool [communicator deleted]"), 1u);
     ::kill(m_hostPid, SIGTERM);
-    EXPECT_EQ(wait_exit(m_hostPid, 2000ms), std::optional<int>(0));
+    EXPECT_EQ(qvxtest::wait_exit(m_hostPid, 2000ms), std::optional<int>(0));
 }
 
 TEST_F(ToolProcessTest, UnansweredToolgateIsRetriedOnceASecondUntilStopped) {

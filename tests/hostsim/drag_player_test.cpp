@@ -15,19 +15,14 @@
 #include "platform/sim/platform_root.h"
 #include "support/main_loop.h"
 #include "support/private_root.h"
+#include "support/processes.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 namespace dnd = qvx::dnd;
 
-bool eventually(const std::function<bool()>& done) {
-    for (int i = 0; i < 500; ++i) {
-        if (done()) return true;
-        std::this_thread::sleep_for(10ms);
-    }
-    return false;
-}
+using qvxtest::eventually;
 
 class DragPlayerTest : public ::testing::Test {
   protected:
@@ -95,7 +90,7 @@ TEST_F(DragPlayerTest, DropWaitsForAWindowAndPointerMessagesMoveTheGuestPointer)
     std::this_thread::sleep_for(100ms);
     EXPECT_EQ(m_host.queued_commands(), 0u);
     platform::open_folder_window("/guest", NSMakeRect(0, 0, 500, 400), true);
-    ASSERT_TRUE(eventually([&] { return m_host.queued_commands() == 1; }));
+    ASSERT_TRUE(eventually([&] { return m_host.queued_commands() == 1; }, 5s));
     EXPECT_EQ(poll(), dnd::kHostCmdHostToGuest);
     EXPECT_EQ(player.pending(), 0u);
 
@@ -144,7 +139,7 @@ TEST_F(DragPlayerTest, GuestDragAtTheEdgeIsTakenOnceAndReleasedAtHandOver) {
         std::this_thread::sleep_for(100ms);
         EXPECT_EQ(m_host.queued_commands(), 0u);
         platform::post_pointer_event(1e7, 1500, 1);
-        ASSERT_TRUE(eventually([&] { return m_host.queued_commands() == 1; }));
+        ASSERT_TRUE(eventually([&] { return m_host.queued_commands() == 1; }, 5s));
         EXPECT_EQ(poll(), dnd::kHostCmdGuestToHost);
 
         uint32_t action = 0;
@@ -161,7 +156,7 @@ TEST_F(DragPlayerTest, GuestDragAtTheEdgeIsTakenOnceAndReleasedAtHandOver) {
         // again: the release at 273 ended the last one there, so this is a new arrival.
         platform::post_pointer_event(100, 1500, 1);
         platform::post_pointer_event(1e7, 1500, 1);
-        ASSERT_TRUE(eventually([&] { return m_host.queued_commands() == 1; }));
+        ASSERT_TRUE(eventually([&] { return m_host.queued_commands() == 1; }, 5s));
         EXPECT_EQ(poll(), dnd::kHostCmdGuestToHost);
         EXPECT_TRUE(qvx::SendFileList(context(0), false, {"/g/a"}, &worker, &action));
         EXPECT_EQ(worker, 11u);
