@@ -141,49 +141,31 @@ TEST_F(DragHandlerTest, RefusedDropEndsAfterFiveSecondsWithDialogThen280) {
     EXPECT_LT(m_slept, 7100000u);
 }
 
-TEST_F(DragHandlerTest, PrepareFailuresShowNoWindow) {
+// A failure before the window is shown shows none; one after it hides it again.
+TEST_F(DragHandlerTest, FailuresEndTheDropWithTheWindowHidden) {
     struct Case {
-        uint32_t status;
-        uint32_t value;
+        uint32_t command, status, prepareValue;
         Strings sent;
+        unsigned shows;
     };
     const Case cases[] = {
-        {9, 0, {"263 0/0", "278"}},              // ends quietly
-        {5, 0, {"263 0/0", "278", "263 4/12"}},  // the query reports it
-        {0, 3, {"263 0/0", "278", "263 4/12"}},  // the host's value says no
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.status * 100 + c.value);
-        qvxtest::ScriptedHost host;
-        host.status[dnd::kCmdQueryPrepare] = c.status;
-        host.prepareValue = c.value;
-        const unsigned shown = times_shown();
-        bool result = true;
-        on_control_thread([&] {
-            result = HandleHostToGuestDrag(DnDContext{9, nullptr, host.send()}, 10, 10);
-        });
-        EXPECT_FALSE(result);
-        EXPECT_EQ(host.texts(), c.sent);
-        EXPECT_EQ(times_shown(), shown);
-    }
-}
-
-TEST_F(DragHandlerTest, FailuresAfterTheWindowIsShownHideItAgain) {
-    struct Case {
-        uint32_t command;
-        uint32_t status;
-        Strings sent;
-    };
-    const Case cases[] = {
-        {dnd::kCmd279, 9, {"263 0/0", "278", "279"}},
-        {dnd::kCmd279, 5, {"263 0/0", "278", "279", "263 4/12"}},
+        {dnd::kCmdQueryPrepare, 9, 0, {"263 0/0", "278"}, 0},              // ends quietly
+        {dnd::kCmdQueryPrepare, 5, 0, {"263 0/0", "278", "263 4/12"}, 0},  // the query reports it
+        {dnd::kCmdQueryPrepare, 0, 3, {"263 0/0", "278", "263 4/12"}, 0},  // the value says no
+        {dnd::kCmd279, 9, 0, {"263 0/0", "278", "279"}, 1},
+        {dnd::kCmd279, 5, 0, {"263 0/0", "278", "279", "263 4/12"}, 1},
         // A failed move sends its own dialog, then 280; the rest of the path is skipped.
-        {dnd::kCmdMoveMouse, 9, {"263 0/0", "278", "279", "275 1440,900,1", "263 4/12", "280"}},
+        {dnd::kCmdMoveMouse,
+         9,
+         0,
+         {"263 0/0", "278", "279", "275 1440,900,1", "263 4/12", "280"},
+         1},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.command * 100 + c.status);
+        SCOPED_TRACE(c.command * 100 + c.status + c.prepareValue);
         qvxtest::ScriptedHost host;
         host.status[c.command] = c.status;
+        host.prepareValue = c.prepareValue;
         const unsigned shown = times_shown();
         bool result = true;
         on_control_thread([&] {
@@ -193,7 +175,7 @@ TEST_F(DragHandlerTest, FailuresAfterTheWindowIsShownHideItAgain) {
         });
         EXPECT_FALSE(result);
         EXPECT_EQ(host.texts(), c.sent);
-        EXPECT_EQ(times_shown(), shown + 1);
+        EXPECT_EQ(times_shown(), shown + c.shows);
         EXPECT_EQ(overlay_listed(), 0);
     }
 }
