@@ -97,46 +97,32 @@ TEST(MessageRecords, EveryReplyFieldIsReadAtItsOffset) {
              return uint64_t{value};
          },
          28, 4},
-        {"258 worker id at 12", 200,
-         [](auto& c) {
-             uint64_t id = 0;
-             EXPECT_TRUE(SendFileList(c, false, {"/a"}, &id, nullptr));
-             return id;
-         },
-         12, 8},
-        {"258 action at 2092", 0,
-         [](auto& c) {
-             uint32_t action = 0;
-             EXPECT_TRUE(SendFileList(c, false, {"/a"}, nullptr, &action));
-             return uint64_t{action};
-         },
-         2092, 4},
-        {"768 worker id at 12", 0,
-         [](auto& c) {
-             uint64_t id = 0;
-             EXPECT_TRUE(SendFileList(c, true, {"/a"}, &id, nullptr));
-             return id;
-         },
-         12, 8},
-        {"768 action at 2092", 200,
-         [](auto& c) {
-             uint32_t action = 0;
-             EXPECT_TRUE(SendFileList(c, true, {"/a"}, nullptr, &action));
-             return uint64_t{action};
-         },
-         2092, 4},
         {"263 status at 8", 0x0B0A0908, [](auto& c) { return uint64_t{SendDialog(c, 4, 12, u"")}; },
          8, 4},
     };
-    for (const ReplyCase& c : cases) {
-        ScriptedHost host;
-        const uint32_t status = c.status;
-        host.script.push_back({true, 0, [status](uint8_t* reply, size_t size) {
+    const auto patterned = [](uint32_t status) {
+        return qvxtest::Answer{true, 0, [status](uint8_t* reply, size_t size) {
                                    qvxtest::fill_pattern(reply, size);
                                    le::put32(reply, 8, status);
-                               }});
-        const uint64_t expected = c.offset == 8 ? status : pattern(c.offset, c.width);
+                               }};
+    };
+    for (const ReplyCase& c : cases) {
+        ScriptedHost host;
+        host.script.push_back(patterned(c.status));
+        const uint64_t expected = c.offset == 8 ? c.status : pattern(c.offset, c.width);
         EXPECT_EQ(c.read(host.context(W)), expected) << c.name;
+    }
+    // Both file lists, accepted or taken over by the host: worker id at 12, action at 2092.
+    for (const bool list768 : {false, true}) {
+        for (const uint32_t status : {0u, 200u}) {
+            ScriptedHost host;
+            host.script.push_back(patterned(status));
+            uint64_t id = 0;
+            uint32_t action = 0;
+            EXPECT_TRUE(SendFileList(host.context(W), list768, {"/a"}, &id, &action));
+            EXPECT_EQ(id, pattern(12, 8)) << list768 << " " << status;
+            EXPECT_EQ(action, pattern(2092, 4)) << list768 << " " << status;
+        }
     }
 }
 

@@ -108,6 +108,14 @@ struct RecordCase {
 TEST(TransferRecords, EveryRequestIsPinnedToTheByte) {
     static const ItemInfo item = full_item(u"Photos/2019");
     const auto name = std::vector<Field>{{76, 4, 11}} + text_at(80, u"Photos/2019");
+    const auto entry = header(271) +
+                       std::vector<Field>{{32, 4, 0x13},
+                                          {44, 8, 0x0102030405060708},
+                                          {52, 8, 0x1112131415161718},
+                                          {60, 8, 0x2122232425262728},
+                                          {2132, 2, 1},
+                                          {2134, 2, 0755}} +
+                       name;
     const std::vector<RecordCase> cases = {
         {"261 totals query",
          [] { return sent_by([](auto& c) { QueryTransferTotals(c, nullptr, nullptr); }); }, 2196,
@@ -163,24 +171,9 @@ TEST(TransferRecords, EveryRequestIsPinnedToTheByte) {
          [] { return sent_by([](auto& c) { SendEntryName(c, item, true); }); }, 2196,
          header(270) + name},
         {"271 item attributes, size always 0",
-         [] { return built([](uint8_t* m) { build_file_entry(m, W, item); }); }, 2196,
-         header(271) +
-             std::vector<Field>{{32, 4, 0x13},
-                                {44, 8, 0x0102030405060708},
-                                {52, 8, 0x1112131415161718},
-                                {60, 8, 0x2122232425262728},
-                                {2132, 2, 1},
-                                {2134, 2, 0755}} +
-             name},
+         [] { return built([](uint8_t* m) { build_file_entry(m, W, item); }); }, 2196, entry},
         {"271 through SendEntry", [] { return sent_by([](auto& c) { SendEntry(c, item); }); }, 2196,
-         header(271) +
-             std::vector<Field>{{32, 4, 0x13},
-                                {44, 8, 0x0102030405060708},
-                                {52, 8, 0x1112131415161718},
-                                {60, 8, 0x2122232425262728},
-                                {2132, 2, 1},
-                                {2134, 2, 0755}} +
-             name},
+         entry},
         {"272 next item request",
          [] { return sent_by([](auto& c) { receive_tree(c, "/tmp"); }, 7); }, 2196, header(272)},
         {"769 link target request", [] { return link_query_of(u"\\Photos\\2019"); }, 2196,
