@@ -57,32 +57,30 @@ TEST(LogLine, LevelLetterFollowsRemainderModulo16) {
     }
 }
 
-TEST(LogLine, TagIsBracketedUnlessEmptyOrAlreadyBracketed) {
-    const std::pair<const char*, const char*> cases[] = {
-        {"x", "[x] msg\n"}, {"[x]", "[x] msg\n"}, {"", "msg\n"}, {"[open", "[open msg\n"}};
-    for (const auto& [tag, expected] : cases) {
-        LogCapture capture;
-        qvx::log_message(tag, "c", 0, "msg");
-        EXPECT_EQ(after_prefix(only_line(capture)), expected) << "tag '" << tag << "'";
-    }
-}
-
-TEST(LogLine, SourcePositionOnlyWithFileAndFunction) {
+TEST(LogLine, TagIsBracketedAndSourcePositionShownOnlyWithFileAndFunction) {
     struct Case {
+        const char* tag;
         const char* file;
         const char* function;
         const char* expected;
     } const cases[] = {
-        {"/src/fs/host_file.cpp", "CHostFile::read_", "[t] {read_ @ host_file.cpp:42} m\n"},
-        {"C:\\build\\src\\x.cpp", "run", "[t] {run @ x.cpp:42} m\n"},
-        {"dir/mixed\\name.cpp", "a::b", "[t] {b @ name.cpp:42} m\n"},
-        {"/src/x.cpp", nullptr, "[t] m\n"},
-        {nullptr, "run", "[t] m\n"},
+        {"x", nullptr, nullptr, "[x] m\n"},
+        {"[x]", nullptr, nullptr, "[x] m\n"},
+        {"", nullptr, nullptr, "m\n"},
+        {"[open", nullptr, nullptr, "[open m\n"},
+        {"t", "/src/fs/host_file.cpp", "CHostFile::read_", "[t] {read_ @ host_file.cpp:42} m\n"},
+        {"t", "C:\\build\\src\\x.cpp", "run", "[t] {run @ x.cpp:42} m\n"},
+        {"t", "dir/mixed\\name.cpp", "a::b", "[t] {b @ name.cpp:42} m\n"},
+        {"t", "/src/x.cpp", nullptr, "[t] m\n"},
+        {"t", nullptr, "run", "[t] m\n"},
     };
     for (const auto& c : cases) {
         LogCapture capture;
-        qvx::log_message_at(c.file, 42, c.function, "t", "c", 0, "m");
-        EXPECT_EQ(after_prefix(only_line(capture)), c.expected);
+        if (c.file || c.function)
+            qvx::log_message_at(c.file, 42, c.function, c.tag, "c", 0, "m");
+        else
+            qvx::log_message(c.tag, "c", 0, "m");
+        EXPECT_EQ(after_prefix(only_line(capture)), c.expected) << "tag '" << c.tag << "'";
     }
 }
 
@@ -122,7 +120,7 @@ TEST(LogLine, ErrnoSurvivesLoggingEvenWhenTheWriterChangesIt) {
     EXPECT_EQ(errno, EPERM);
 }
 
-TEST(LogHexdump, TwentyBytesGiveTwoRowsSecondPaddedWithZeros) {
+TEST(LogHexdump, RowsOfSixteenTheLastPaddedWithZeros) {
     unsigned char data[20] = {'A', 'b', 0x00, 0x1F, 0x20, 0x7F, 0x80, 0xFF, '0',  '1',
                               '2', '3', '4',  '5',  '6',  '7',  0x10, 'x',  0x0A, 'y'};
     LogCapture capture;
@@ -137,14 +135,12 @@ TEST(LogHexdump, TwentyBytesGiveTwoRowsSecondPaddedWithZeros) {
     EXPECT_EQ(after_prefix(lines[1]),
               "[t] {dump @ dump.cpp:9} 00000010 10 78 0a 79 00 00 00 00 | "
               "00 00 00 00 00 00 00 00 .x.y............\n");
-}
 
-TEST(LogHexdump, RowCountFollowsLength) {
-    unsigned char data[33] = {};
     for (auto [length, rows] :
          {std::pair<size_t, size_t>{0, 0}, {1, 1}, {16, 1}, {17, 2}, {33, 3}}) {
-        LogCapture capture;
-        qvx::log_hexdump("", "c", 0, data, length, nullptr, 0, nullptr);
+        const unsigned char zeros[33] = {};
+        capture.clear();
+        qvx::log_hexdump("", "c", 0, zeros, length, nullptr, 0, nullptr);
         EXPECT_EQ(capture.lines().size(), rows) << "length " << length;
     }
 }
