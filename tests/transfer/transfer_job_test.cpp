@@ -149,17 +149,20 @@ TEST(FreeSpace, EqualIsNotEnoughAndUnmeasurableIsReported) {
     EXPECT_FALSE(check_free_space(host.context(), dir.path(), 40960, 1));
     ASSERT_EQ(host.sent.size(), 1u);
     expect_notice(host.sent[0], 4, 8);
+    EXPECT_FALSE(check_free_space(host.context(), dir.path(), UINT64_MAX, 1)) << "no wrap at 2^64";
+    ASSERT_EQ(host.sent.size(), 2u);
+    expect_notice(host.sent[1], 4, 8);
 
     EXPECT_FALSE(check_free_space(host.context(), dir / "missing", 0, 1));
-    ASSERT_EQ(host.sent.size(), 2u);
-    expect_notice(host.sent[1], 4, 11);
-    platform::fault_inject(platform::Sys::fstatvfs, 1, EIO);
-    EXPECT_FALSE(check_free_space(host.context(), dir.path(), 0, 1));
     ASSERT_EQ(host.sent.size(), 3u);
     expect_notice(host.sent[2], 4, 11);
+    platform::fault_inject(platform::Sys::fstatvfs, 1, EIO);
+    EXPECT_FALSE(check_free_space(host.context(), dir.path(), 0, 1));
+    ASSERT_EQ(host.sent.size(), 4u);
+    expect_notice(host.sent[3], 4, 11);
 
     EXPECT_FALSE(check_free_space(host.context(), dir.path(), 40960, 0));
-    EXPECT_EQ(host.sent.size(), 3u) << "report 0 sends nothing";
+    EXPECT_EQ(host.sent.size(), 4u) << "report 0 sends nothing";
 }
 
 }  // namespace

@@ -374,12 +374,4 @@ TEST(ItemNames, SplitIntoCheckedComponents) {
     for (const auto& name : bad) EXPECT_FALSE(parse_item_name(name, n)) << name.size();
 }
 
-TEST(FreeSpace, TotalNearTwoToTheSixtyFourNeverPasses) {
-    TempDir dir;
-    ScriptedHost host;
-    EXPECT_FALSE(check_free_space(host.context(), dir.path(), UINT64_MAX, 1));
-    ASSERT_EQ(host.sent.size(), 1u);
-    EXPECT_EQ(le::get32(host.sent[0].bytes.data(), 2080), 8u) << "(4, 8, empty)";
-}
-
 }  // namespace
