@@ -99,61 +99,47 @@ TEST_F(TreeSinkTest, ConflictPolicyReplacesSkipsOrStops) {
     write_file(guest / "top/new.txt", "new inside");
     write_file(guest / "file", "new");
     write_file(guest / "other", "other");
-    auto prepare_host = [&] {
+    // The host holds an older "top" and "file" each time.
+    auto run = [&](const hostsim::SinkOptions& o) {
         std::filesystem::remove_all(hostSide / "in");
         write_file(hostSide / "in/top/old.txt", "old inside");
         write_file(hostSide / "in/file", "old");
-    };
-    const std::vector<std::string> paths = {guest / "top", guest / "file", guest / "other"};
-
-    prepare_host();
-    {
-        hostsim::TreeSink sink(host, options(hostsim::ConflictPolicy::Replace));
-        run_send(kWorker, paths);
-        const auto r = sink.result(kWorker);
-        ASSERT_TRUE(r);
-        EXPECT_EQ(r->state, SinkResult::State::Done) << r->refusal;
-        EXPECT_EQ(r->replaced, 2u);
-        EXPECT_TRUE(r->totals_match());
-        // The old folder went as a whole before the new one was made.
-        EXPECT_FALSE(exists(hostSide / "in/top/old.txt"));
-        EXPECT_EQ(read_file(hostSide / "in/top/new.txt"), "new inside");
-        EXPECT_EQ(read_file(hostSide / "in/file"), "new");
-        EXPECT_EQ(read_file(hostSide / "in/other"), "other");
-    }
-
-    prepare_host();
-    {
-        hostsim::TreeSink sink(host, options(hostsim::ConflictPolicy::Skip));
-        run_send(kWorker, paths);
-        const auto r = sink.result(kWorker);
-        ASSERT_TRUE(r);
-        EXPECT_EQ(r->state, SinkResult::State::Done) << r->refusal;
-        EXPECT_EQ(r->skipped, 2u);
-        // The guest lowered its totals by what it skipped: only "other" is left.
-        EXPECT_EQ(r->totalsMessages, 3u);
-        EXPECT_EQ(r->announcedItems, 1u);
-        EXPECT_TRUE(r->totals_match());
-        EXPECT_EQ(read_file(hostSide / "in/top/old.txt"), "old inside");
-        EXPECT_FALSE(exists(hostSide / "in/top/new.txt"));
-        EXPECT_EQ(read_file(hostSide / "in/file"), "old");
-        EXPECT_EQ(read_file(hostSide / "in/other"), "other");
-    }
-
-    prepare_host();
-    {
-        // A per-name answer overrides the policy: the folder is replaced, then stop.
-        hostsim::SinkOptions o = options(hostsim::ConflictPolicy::Skip);
-        o.onConflict = [](const std::string& name) { return name == "top" ? 101u : 9u; };
         hostsim::TreeSink sink(host, o);
-        run_send(kWorker, paths);
+        run_send(kWorker, {guest / "top", guest / "file", guest / "other"});
         const auto r = sink.result(kWorker);
-        ASSERT_TRUE(r);
-        EXPECT_EQ(r->state, SinkResult::State::Stopped);
-        EXPECT_EQ(read_file(hostSide / "in/top/new.txt"), "new inside");
-        EXPECT_EQ(read_file(hostSide / "in/file"), "old");
-        EXPECT_FALSE(exists(hostSide / "in/other"));
-    }
+        EXPECT_TRUE(r);
+        return r.value_or(SinkResult{});
+    };
+
+    SinkResult r = run(options(hostsim::ConflictPolicy::Replace));
+    EXPECT_EQ(r.state, SinkResult::State::Done) << r.refusal;
+    EXPECT_EQ(r.replaced, 2u);
+    EXPECT_TRUE(r.totals_match());
+    // The old folder went as a whole before the new one was made.
+    EXPECT_FALSE(exists(hostSide / "in/top/old.txt"));
+    EXPECT_EQ(read_file(hostSide / "in/top/new.txt"), "new inside");
+    EXPECT_EQ(read_file(hostSide / "in/file"), "new");
+    EXPECT_EQ(read_file(hostSide / "in/other"), "other");
+
+    r = run(options(hostsim::ConflictPolicy::Skip));
+    EXPECT_EQ(r.state, SinkResult::State::Done) << r.refusal;
+    EXPECT_EQ(r.skipped, 2u);
+    // The guest lowered its totals by what it skipped: only "other" is left.
+    EXPECT_EQ(r.totalsMessages, 3u);
+    EXPECT_EQ(r.announcedItems, 1u);
+    EXPECT_TRUE(r.totals_match());
+    EXPECT_EQ(read_file(hostSide / "in/top/old.txt"), "old inside");
+    EXPECT_FALSE(exists(hostSide / "in/top/new.txt"));
+    EXPECT_EQ(read_file(hostSide / "in/file"), "old");
+    EXPECT_EQ(read_file(hostSide / "in/other"), "other");
+
+    // A per-name answer overrides the policy: the folder is replaced, then stop.
+    hostsim::SinkOptions o = options(hostsim::ConflictPolicy::Skip);
+    o.onConflict = [](const std::string& name) { return name == "top" ? 101u : 9u; };
+    EXPECT_EQ(run(o).state, SinkResult::State::Stopped);
+    EXPECT_EQ(read_file(hostSide / "in/top/new.txt"), "new inside");
+    EXPECT_EQ(read_file(hostSide / "in/file"), "old");
+    EXPECT_FALSE(exists(hostSide / "in/other"));
     EXPECT_EQ(host.message_count(dnd::kCmdEnd), 3u);
 }
 
