@@ -6,10 +6,10 @@
 //   transfer_bench [--quick] [--dir FOLDER] [--repeat N] [--only bulk,small,memory,depth]
 //                  [--one-cpu]
 //
-// --one-cpu runs everything (tool, host, cp) on one processor. A round trip between two
-// processors is then a hand-over on one, as a guest's call into its host is on a real
-// machine; in a virtual machine the wake-up of a thread on another processor costs an
-// interrupt through the hypervisor, tens of microseconds, and dominates both transfers.
+// The raw round trip waits as both ends of the toolgate do: a short spin, then a sleep.
+// --one-cpu runs everything (tool, host, cp) on one processor, where neither end spins and
+// a round trip is a hand-over on one processor, as a guest's call into its host is on a
+// real machine.
 #include <fcntl.h>
 #include <malloc.h>
 #include <sched.h>
@@ -45,6 +45,7 @@
 #include "hostsim/host.h"
 #include "hostsim/tree_sink.h"
 #include "hostsim/tree_source.h"
+#include "platform/sim/socket_wait.h"
 #include "transfer/transfer_job.h"
 
 extern char** environ;
@@ -355,9 +356,12 @@ std::string finish_host_child(Child& child) {
 
 // --- the channel's floor ------------------------------------------------------------
 
+// Waits as the toolgate's two ends do (a short spin, then a sleep), so that the floor is
+// the same channel without the tool and the host on it.
 bool read_exact(int fd, uint8_t* p, size_t n) {
     while (n) {
-        const ssize_t r = ::read(fd, p, n);
+        ssize_t r = toolgate::receive_before_sleep(fd, p, n);
+        if (r < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) r = ::read(fd, p, n);
         if (r <= 0) return false;
         p += r;
         n -= static_cast<size_t>(r);

@@ -24,6 +24,7 @@
 #include "common/signal_block.h"
 #include "common/toolgate_abi.h"
 #include "platform/sim/platform_root.h"
+#include "platform/sim/socket_wait.h"
 #include "platform/sim/toolgate_frames.h"
 
 namespace hostsim {
@@ -248,7 +249,10 @@ void Host::serve(std::shared_ptr<Connection> connection) {
     std::string reason = "closed by the guest";
     bool open = true;
     while (open) {
-        const ssize_t n = read(connection->fd, buffer.data() + have, buffer.size() - have);
+        ssize_t n = toolgate::receive_before_sleep(connection->fd, buffer.data() + have,
+                                                   buffer.size() - have);
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+            n = read(connection->fd, buffer.data() + have, buffer.size() - have);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) {
             if (connection->dropped)

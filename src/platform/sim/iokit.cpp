@@ -21,6 +21,7 @@
 #include "common/byte_order.h"
 #include "common/toolgate_abi.h"
 #include "platform/sim/platform_root.h"
+#include "platform/sim/socket_wait.h"
 #include "platform/sim/toolgate_frames.h"
 
 struct __IOMatchingDictionary {
@@ -117,15 +118,22 @@ SendResult send_all(int fd, iovec* iov, int iovcnt) {
 
 enum class ReadResult { Done, Lost, Interrupted };
 
-// One blocking recvmsg; `waitAll` waits until the iovecs are full. A signal that comes
+// One receive: what has come within a short spin, else one blocking recvmsg, where
+// `waitAll` waits until the iovecs are full. A signal that comes
 // while nothing has arrived ends it with Interrupted; one that comes after some bytes
 // leaves a short count, and the caller's next receive waits again (to be ended by the
 // next signal, should the host stop in mid-frame).
 ReadResult receive_some(int fd, iovec* iov, int iovcnt, bool waitAll, size_t& n) {
+    msghdr msg{};
+    msg.msg_iov = iov;
+    msg.msg_iovlen = static_cast<size_t>(iovcnt);
+    if (const ssize_t r = toolgate::receive_before_sleep(fd, &msg); r > 0) {
+        n = static_cast<size_t>(r);
+        return ReadResult::Done;
+    } else if (r == 0 || (errno != EAGAIN && errno != EWOULDBLOCK)) {
+        return ReadResult::Lost;
+    }
     for (;;) {
-        msghdr msg{};
-        msg.msg_iov = iov;
-        msg.msg_iovlen = static_cast<size_t>(iovcnt);
         const ssize_t r = recvmsg(fd, &msg, waitAll ? MSG_WAITALL : 0);
         if (r > 0) {
             n = static_cast<size_t>(r);
