@@ -243,6 +243,9 @@ TEST_F(DragProcessTest, GuestDragsOutCopyEveryKindOfItemToTheHost) {
         EXPECT_EQ(handOver[1], "273");
         EXPECT_EQ(handOver.back(), "260");
         EXPECT_EQ(count_lines(handOver, "260"), 1u);
+        // The handler returns once the drag has ended, which may be after the job's 260.
+        ASSERT_TRUE(m_host->trace().wait_for_line(
+            "host->guest 260 status=0 worker=" + std::to_string(d.worker), 10s));
         EXPECT_EQ(sent_for(d.worker), Strings{"260"});
         const auto result = sink.result(d.newWorker);
         ASSERT_TRUE(result);
@@ -288,6 +291,10 @@ TEST_F(DragProcessTest, QvxhostTakesACopyThenAMoveThatDeletesTheGuestOriginals) 
     ASSERT_TRUE(
         eventually([&] { return host_out_has("host->guest 260 status=0 worker=11"); }, 10s));
     EXPECT_TRUE(host_out_has("host->guest 258 status=0 worker=11 action=4"));
+    // The control loop closes the 204's operation once the handler has seen the drag end,
+    // which may be after the send job's 260.
+    ASSERT_TRUE(
+        eventually([&] { return host_out_has("host->guest 260 status=0 worker=10"); }, 10s));
     EXPECT_EQ(qvxtest::tree_size(out), 0u);
     EXPECT_EQ(qvxtest::tree_size(into), items);  // the host's copy stays
 
