@@ -476,7 +476,14 @@ struct Bench {
     std::string work;  // everything the bench makes lies in here
     std::vector<Row> rows;
     std::unique_ptr<hostsim::Host> host;
-    double lastCpu = 0;  // processor seconds of the last timed transfer, both ends
+    double lastCpu = 0;         // processor seconds of the last timed transfer, both ends
+    uint64_t lastMessages = 0;  // messages the host answered in it
+
+    // The fastest of the repeated runs of one direction of a case.
+    struct Best {
+        double seconds = 1e30, cpu = 1e30;
+        uint64_t messages = 0;
+    };
 
     void start_host() {
         hostsim::HostOptions options;
@@ -493,10 +500,12 @@ struct Bench {
         options.folder = into;
         hostsim::TreeSink sink(*host, options);
         const double cpu = cpu_seconds();
+        const uint64_t before = host->request_count();
         const auto start = Clock::now();
         send_job(top);
         const double took = seconds_since(start);
         lastCpu = cpu_seconds() - cpu;
+        lastMessages = host->request_count() - before;
         const auto result = sink.result(kWorker);
         if (!result) die("the host saw no send");
         if (out) *out = *result;
@@ -509,10 +518,12 @@ struct Bench {
         make_dir(into);
         hostsim::serve_tree(*host, kWorker, source);
         const double cpu = cpu_seconds();
+        const uint64_t before = host->request_count();
         const auto start = Clock::now();
         receive_job(into);
         const double took = seconds_since(start);
         lastCpu = cpu_seconds() - cpu;
+        lastMessages = host->request_count() - before;
         host->clear_worker_handler(kWorker);
         return took;
     }
@@ -532,36 +543,46 @@ struct Bench {
                 die(format("%s: the guest reported a failure", what));
     }
 
+    void keep_if_faster(Best& best, double took) {
+        best.seconds = std::min(best.seconds, took);
+        best.cpu = std::min(best.cpu, lastCpu);
+        best.messages = lastMessages;
+    }
+
+    // One round of a case over the tree `top` inside `src` (`items` items with `top`):
+    // `cp -r` of it, a send of it to the host and a receive of it from the host, each
+    // checked, the fastest kept.
+    void one_round(const std::string& name, const std::string& src, const std::string& top,
+                   uint64_t items, double& cp, Best& send, Best& receive) {
+        const std::string copy = work + "/" + name + "-cp";
+        const double c = run_program({"cp", "-r", top, copy});
+        if (c < 0) die("cp -r failed");
+        cp = std::min(cp, c);
+        remove_all(copy);
+
+        const std::string hostCopy = work + "/" + name + "-host";
+        hostsim::SinkResult r;
+        keep_if_faster(send, timed_send(top, hostCopy, &r));
+        check_send(r, (name + " send").c_str());
+        remove_all(hostCopy);
+
+        const std::string guestCopy = work + "/" + name + "-guest";
+        auto source = listing_of(src);
+        keep_if_faster(receive, timed_receive(source, guestCopy));
+        check_receive(*source, items, (name + " receive").c_str());
+        remove_all(guestCopy);
+    }
+
     void bulk() {
         const std::string src = work + "/bulk-src", top = src + "/Bulk";
         const uint64_t total = sizes.bulkFiles * sizes.bulkFileBytes;
         make_dir(src);
         make_bulk_tree(top, sizes.bulkFiles, sizes.bulkFileBytes);
-        const std::string copy = work + "/bulk-cp", hostCopy = work + "/bulk-host",
-                          guestCopy = work + "/bulk-guest";
-        double cp = 1e30, send = 1e30, receive = 1e30, sendCpu = 1e30, receiveCpu = 1e30;
-        uint64_t sendMessages = 0, receiveMessages = 0;
-        for (int i = 0; i < repeat; ++i) {
-            remove_all(copy);
-            const double c = run_program({"cp", "-r", top, copy});
-            if (c < 0) die("cp -r failed");
-            cp = std::min(cp, c);
-            remove_all(copy);
-            hostsim::SinkResult r;
-            uint64_t before = host->request_count();
-            send = std::min(send, timed_send(top, hostCopy, &r));
-            sendCpu = std::min(sendCpu, lastCpu);
-            sendMessages = host->request_count() - before;
-            check_send(r, "bulk send");
-            remove_all(hostCopy);
-            auto source = listing_of(src);
-            before = host->request_count();
-            receive = std::min(receive, timed_receive(source, guestCopy));
-            receiveCpu = std::min(receiveCpu, lastCpu);
-            receiveMessages = host->request_count() - before;
-            check_receive(*source, static_cast<uint64_t>(sizes.bulkFiles) + 1, "bulk receive");
-            remove_all(guestCopy);
-        }
+        double cp = 1e30;
+        Best send, receive;
+        for (int i = 0; i < repeat; ++i)
+            one_round("bulk", src, top, static_cast<uint64_t>(sizes.bulkFiles) + 1, cp, send,
+                      receive);
         remove_all(src);
         // What the channel alone costs for these messages: each chunk is one round trip
         // carrying 128 KiB, every other message (progress notices, headers) a plain one.
@@ -571,9 +592,9 @@ struct Bench {
         const std::string size =
             format("%s in %d files", bytes_text(total).c_str(), sizes.bulkFiles);
         const double mbps = static_cast<double>(total) / 1e6;
-        for (auto [name, took, cpu, messages] :
-             {std::tuple{"bulk send", send, sendCpu, sendMessages},
-              std::tuple{"bulk receive", receive, receiveCpu, receiveMessages}}) {
+        for (auto [name, best] :
+             {std::pair{"bulk send", send}, std::pair{"bulk receive", receive}}) {
+            const auto [took, cpu, messages] = best;
             const double ratio = cp / took;
             const double channel = chunks * chunkTrip.seconds +
                                    (static_cast<double>(messages) - chunks) * plainTrip.seconds;
@@ -594,33 +615,12 @@ struct Bench {
         make_dir(src);
         make_small_tree(top, sizes.smallFiles, sizes.smallFolders, kSmallFileBytes);
         const uint64_t items = static_cast<uint64_t>(sizes.smallFiles + sizes.smallFolders) + 1;
-        const std::string hostCopy = work + "/small-host", guestCopy = work + "/small-guest";
-        double send = 1e30, receive = 1e30, cp = 1e30, sendCpu = 1e30, receiveCpu = 1e30;
-        uint64_t sendMessages = 0, receiveMessages = 0;
+        double cp = 1e30;  // not a baseline of the ratio: the file system's own share
+        Best send, receive;
         std::vector<Trip> floors;
         for (int i = 0; i < repeat; ++i) {
             floors.push_back(floor_round_trip());
-            // Not a baseline of the ratio: what the file system alone takes for the tree.
-            const std::string copy = work + "/small-cp";
-            const double c = run_program({"cp", "-r", top, copy});
-            if (c < 0) die("cp -r failed");
-            cp = std::min(cp, c);
-            remove_all(copy);
-            hostsim::SinkResult r;
-            uint64_t before = host->request_count();
-            send = std::min(send, timed_send(top, hostCopy, &r));
-            sendCpu = std::min(sendCpu, lastCpu);
-            sendMessages = host->request_count() - before;
-            check_send(r, "small send");
-            remove_all(hostCopy);
-            floors.push_back(floor_round_trip());
-            auto source = listing_of(src);
-            before = host->request_count();
-            receive = std::min(receive, timed_receive(source, guestCopy));
-            receiveCpu = std::min(receiveCpu, lastCpu);
-            receiveMessages = host->request_count() - before;
-            check_receive(*source, items, "small receive");
-            remove_all(guestCopy);
+            one_round("small", src, top, items, cp, send, receive);
         }
         floors.push_back(floor_round_trip());
         remove_all(src);
@@ -632,9 +632,9 @@ struct Bench {
             format("%s x 4 KiB in %d folders",
                    count_text(static_cast<uint64_t>(sizes.smallFiles)).c_str(), sizes.smallFolders);
         const double files = sizes.smallFiles;
-        for (auto [name, took, messages, cpu] :
-             {std::tuple{"small send", send, sendMessages, sendCpu},
-              std::tuple{"small receive", receive, receiveMessages, receiveCpu}}) {
+        for (auto [name, best] :
+             {std::pair{"small send", send}, std::pair{"small receive", receive}}) {
+            const auto [took, cpu, messages] = best;
             const double floor = static_cast<double>(messages) * trip;
             const double ratio = took / floor;
             const double perFile = static_cast<double>(messages) / files;
