@@ -252,7 +252,8 @@ Existing existing_path(Receive& rx, Item& item, bool folder) {
     return Existing::Fail;
 }
 
-uint32_t receive_symlink(Receive& rx, Item& item) {
+// For a file or a link: kTransferDone once its name is free, else the item's result.
+uint32_t free_name(Receive& rx, Item& item) {
     switch (existing_path(rx, item, false)) {
         case Existing::Fail:
             return kTransferFailed;
@@ -261,6 +262,11 @@ uint32_t receive_symlink(Receive& rx, Item& item) {
         case Existing::Absent:
             break;
     }
+    return kTransferDone;
+}
+
+uint32_t receive_symlink(Receive& rx, Item& item) {
+    if (const uint32_t r = free_name(rx, item); r != kTransferDone) return r;
     if (item.parent != -1 &&
         platform::sys_symlinkat(item.linkTarget.c_str(), item.parent, item.name.leaf()) == 0) {
         note_created(item, S_IFLNK);
@@ -341,14 +347,7 @@ uint32_t receive_data(const Receive& rx, Item& item, CHostFile& file) {
 }
 
 uint32_t receive_file(Receive& rx, Item& item) {
-    switch (existing_path(rx, item, false)) {
-        case Existing::Fail:
-            return kTransferFailed;
-        case Existing::Skip:
-            return kReceiveSkipped;
-        case Existing::Absent:
-            break;
-    }
+    if (const uint32_t r = free_name(rx, item); r != kTransferDone) return r;
     {
         Record out;
         build_data_begin(out.data(), rx.ctx.workerId, item.info, 0);
