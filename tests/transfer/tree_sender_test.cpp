@@ -396,6 +396,33 @@ void remove_chain(const std::string& root, const char* name, int depth) {
     ::close(fd);
 }
 
+TEST(TreeSender, FoldersBelowTheHeldOnesAreReopenedOnTheWayBack) {
+    // 30 levels, each with a file of its depth in bytes beside the next folder: deeper than
+    // the walk keeps open, so it returns through folders it reopens by "..".
+    TempDir dir;
+    std::string path = dir / "dd";
+    for (int depth = 1; depth <= 30; ++depth, path += "/dd")
+        qvxtest::write_file(path + "/f", std::string(static_cast<size_t>(depth), 'f'));
+    const int fdsBefore = qvxtest::open_fd_count();
+    ScriptedHost host;
+    EXPECT_EQ(send_tree(host.context(), {dir / "dd"}), kTransferDone);
+    EXPECT_EQ(qvxtest::open_fd_count(), fdsBefore);
+    // Each file's data comes from the file of its own level; each folder's 271 comes once.
+    const std::vector<std::string> got = lines(host);
+    size_t files = 0, folders = 0;
+    for (size_t i = 0; i < got.size(); ++i) {
+        if (got[i].rfind("266 ", 0) == 0) {
+            ++files;
+            const size_t depth = (got[i].size() - 4) / 3;  // "dd/" per level, then "f"
+            ASSERT_LT(i + 1, got.size());
+            EXPECT_EQ(got[i + 1], "269 " + std::to_string(depth)) << got[i];
+        }
+        folders += got[i].rfind("271 dd", 0) == 0 && got[i].back() == 'd';
+    }
+    EXPECT_EQ(files, 30u);
+    EXPECT_EQ(folders, 30u);
+}
+
 TEST(TreeSender, TwoThousandLevelsUnderASmallDescriptorLimit) {
     TempDir dir;
     constexpr int kDepth = 2000;

@@ -15,6 +15,7 @@
 
 #include "hostsim/drag_player.h"
 #include "hostsim/host.h"
+#include "hostsim/progress.h"
 #include "hostsim/tree_sink.h"
 #include "hostsim/tree_source.h"
 #include "platform/sim/desktop_client.h"
@@ -152,8 +153,14 @@ TEST_F(DragProcessTest, HostDropsCopyEveryKindOfItemIntoTheFolderWindow) {
     ASSERT_NO_FATAL_FAILURE(start_with_host());
     const std::string from = m_root / "host/out";
     qvxtest::make_every_kind_tree(from, kBigFile);
+    // Files of exactly one chunk and one byte more.
+    qvxtest::write_file(from + "/chunk", std::string(131072, 'c'));
+    qvxtest::write_file(from + "/chunk+1", std::string(131073, 'd'));
     std::vector<hostsim::SourceItem> items;
     ASSERT_TRUE(hostsim::list_folder(from, items));
+    uint64_t bytes = 0;
+    for (const auto& item : items)
+        bytes += item.kind == hostsim::SourceItem::Kind::File ? item.size : 0;
 
     // Two drops, one after the other, each into a window of its own at the same place.
     for (const uint64_t worker : {7u, 17u}) {
@@ -187,6 +194,7 @@ TEST_F(DragProcessTest, HostDropsCopyEveryKindOfItemIntoTheFolderWindow) {
         }
         EXPECT_EQ(count_lines(sent, "260"), 1u);
         EXPECT_EQ(source->ends(), 1u);
+        EXPECT_EQ(source->bytes_served(), bytes) << "every byte asked for once";
         EXPECT_EQ(qvxtest::tree_differences(from, folder, true), Strings{});
 
         const json state = ask({{"op", "state"}});
@@ -215,11 +223,13 @@ TEST_F(DragProcessTest, GuestDragsOutCopyEveryKindOfItemToTheHost) {
     };
     const Drag drags[] = {{8, 9, out, {out + "/tree", out + "/top.txt"}},
                           {10, 11, more, {more + "/second"}}};
+    hostsim::ProgressBoard progress;
     for (const Drag& d : drags) {
         SCOPED_TRACE(d.newWorker);
         const json window = open_window(d.from, {700, 300, 400, 300});
         hostsim::SinkOptions options;
         options.folder = m_root / ("host/in" + std::to_string(d.newWorker));
+        options.progress = &progress;
         hostsim::TreeSink sink(*m_host, options);
         hostsim::GuestDragPlan plan;
         plan.workerId = d.worker;
@@ -252,6 +262,12 @@ TEST_F(DragProcessTest, GuestDragsOutCopyEveryKindOfItemToTheHost) {
         EXPECT_EQ(result->state, hostsim::SinkResult::State::Done) << result->refusal;
         EXPECT_TRUE(result->totals_match());
         EXPECT_TRUE(result->failureCodes.empty());
+        // The host's progress, followed from the messages, reaches the announced totals.
+        const auto shown = progress.finished();
+        ASSERT_FALSE(shown.empty());
+        EXPECT_EQ(shown.back().items, result->items);
+        EXPECT_EQ(shown.back().bytes, result->announcedBytes);
+        EXPECT_EQ(shown.back().result, "done");
         // What the host holds is what was dragged, names as the guest has them.
         EXPECT_EQ(qvxtest::tree_differences(d.from, options.folder), Strings{});
 
