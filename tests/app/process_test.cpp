@@ -40,18 +40,8 @@ long line_of(const std::vector<std::string>& lines, const std::string& text) {
     return -1L;
 }
 
-// A private simulated Mac: platform root with a log folder and a home of its own.
-class ToolProcessTest : public ::testing::Test {
+class ToolProcessTest : public qvxtest::ProgramRootTest {
   protected:
-    void SetUp() override {
-        qvxtest::make_dirs(m_root / "Library/Logs");
-        qvxtest::make_dirs(m_root / "home");
-    }
-    void TearDown() override {
-        qvxtest::kill_and_reap(m_pid);
-        qvxtest::kill_and_reap(m_hostPid);
-    }
-
     void set_platform(const std::string& json) {
         qvxtest::write_file(m_root / "etc/quorvex/platform.json", json);
     }
@@ -102,10 +92,6 @@ class ToolProcessTest : public ::testing::Test {
     std::string log() { return exists(log_path()) ? qvxtest::read_file(log_path()) : ""; }
     std::string log_path() { return m_root / "Library/Logs/quorvex.log"; }
     size_t log_count(const std::string& text) { return occurrences(log(), text); }
-
-    qvxtest::TempDir m_root;
-    pid_t m_pid = -1;
-    pid_t m_hostPid = -1;
 };
 
 TEST_F(ToolProcessTest, WithoutToolgateItLogsAndLeavesWithoutAnApplication) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,6 +15,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "support/temp_dir.h"
 
 namespace qvxtest {
 
@@ -95,5 +98,23 @@ inline bool eventually(const std::function<bool()>& done, std::chrono::milliseco
     }
     return done();
 }
+
+// A private simulated Mac for the programs: a platform root with a log folder and a home of
+// its own. Whatever a test leaves running is killed.
+class ProgramRootTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        make_dirs(m_root / "Library/Logs");
+        make_dirs(m_root / "home");
+    }
+    void TearDown() override {
+        kill_and_reap(m_pid);
+        kill_and_reap(m_hostPid);
+    }
+
+    TempDir m_root;
+    pid_t m_pid = -1;
+    pid_t m_hostPid = -1;
+};
 
 }  // namespace qvxtest

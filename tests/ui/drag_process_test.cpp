@@ -44,15 +44,10 @@ size_t count_lines(const Strings& lines, const std::string& line) {
     return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
 }
 
-class DragProcessTest : public ::testing::Test {
+class DragProcessTest : public qvxtest::ProgramRootTest {
   protected:
-    void SetUp() override {
-        qvxtest::make_dirs(m_root / "Library/Logs");
-        qvxtest::make_dirs(m_root / "home");
-    }
     void TearDown() override {
-        qvxtest::kill_and_reap(m_pid);
-        qvxtest::kill_and_reap(m_hostPid);
+        ProgramRootTest::TearDown();
         m_player.reset();
         if (m_host) m_host->stop();
     }
@@ -141,12 +136,9 @@ class DragProcessTest : public ::testing::Test {
         return false;
     }
 
-    qvxtest::TempDir m_root;
     std::unique_ptr<hostsim::Host> m_host;
     std::unique_ptr<hostsim::DragPlayer> m_player;
     platform::DesktopClient m_desk;
-    pid_t m_pid = -1;
-    pid_t m_hostPid = -1;
 };
 
 TEST_F(DragProcessTest, HostDropsCopyEveryKindOfItemIntoTheFolderWindow) {
