@@ -8,10 +8,8 @@
 #include <CoreFoundation/CoreFoundation.h>
 #include <CoreGraphics/CoreGraphics.h>
 
-#include "app/control_loop.h"
 #include "support/log_capture.h"
 #include "support/main_loop.h"
-#include "support/private_root.h"
 #include "support/virtual_clock.h"
 #include "ui/drag_handlers.h"
 #include "ui/drag_test_support.h"
@@ -36,15 +34,10 @@ unsigned times_shown() {
     return platform::window(overlayWindowNumber)->timesOrderedIn;
 }
 
-class DragHandlerTest : public ::testing::Test {
+class DragHandlerTest : public qvxtest::DesktopFixture {
   protected:
-    static void SetUpTestSuite() {
-        qvxtest::private_platform_root();
-        init_global_mutex();
-    }
     void SetUp() override {
-        platform::desktop_reset();
-        clear_dragged_paths();
+        DesktopFixture::SetUp();
         ASSERT_TRUE(m_pool.Init());
         qvxtest::JobRecorder::install(m_pool);
         g_dragPool = &m_pool;
@@ -54,8 +47,7 @@ class DragHandlerTest : public ::testing::Test {
         m_pool.Destroy();
         qvxtest::JobRecorder::release();
         g_dragPool = nullptr;
-        platform::run_loop_reset(CFRunLoopGetMain());
-        platform::desktop_reset();
+        DesktopFixture::TearDown();
     }
 
     DnDContext context(uint64_t worker) { return DnDContext{worker, nullptr, m_host.send()}; }
@@ -98,11 +90,11 @@ TEST_F(DragHandlerTest, HostDropPressesTheOverlayMovesToTheFolderAndStartsOneRec
     // 1440 x 900 points at scale 2; the drop at (100, 200) lies on a folder window.
     const NSInteger folder =
         platform::open_folder_window("/guest/Documents", NSMakeRect(0, 500, 400, 400), true);
-    NSSize image{};
+    decltype(platform::current_drag()) drag;
     m_host.afterMove = [&](const qvxtest::SentRecord& r) {
         if (r.x != 202) return;
         qvxtest::settle();
-        if (auto drag = platform::current_drag()) image = drag->image;
+        drag = platform::current_drag();
     };
     qvxtest::LogCapture log;
     bool result = false;
@@ -113,8 +105,13 @@ TEST_F(DragHandlerTest, HostDropPressesTheOverlayMovesToTheFolderAndStartsOneRec
                                        "275 200,400,2", "275 200,400,0", "280"}));
     for (const auto& r : m_host.sent()) EXPECT_EQ(r.workerId, 7u) << r.text();
     EXPECT_TRUE(log.contains("[DNDTOOL] send DD_DIALOG_ID_PREPARE worker = 7"));
-    EXPECT_EQ(image.width, 1.0);
-    EXPECT_EQ(image.height, 1.0);
+    // The press on the overlay started a promise drag of a one-point image.
+    ASSERT_TRUE(drag);
+    EXPECT_TRUE(drag->ownedByTool);
+    EXPECT_EQ(drag->source, overlayWindowNumber.load());
+    EXPECT_EQ(drag->types, Strings{"NSFilesPromisePboardType"});
+    EXPECT_EQ(drag->image.width, 1.0);
+    EXPECT_EQ(drag->image.height, 1.0);
     EXPECT_EQ(filesDropped.load(), 1);
     const auto jobs = qvxtest::JobRecorder::started();
     ASSERT_EQ(jobs.size(), 1u);
@@ -276,46 +273,6 @@ TEST_F(DragHandlerTest, RefusedFileListHidesTheWindowAndSends273OnceItIsUnlisted
     EXPECT_TRUE(qvxtest::JobRecorder::started().empty());
     platform::post_pointer_event(0, 0, 0);
     qvxtest::with_main_loop([] {});
-}
-
-TEST_F(DragHandlerTest, ControlLoopEndsTheGuestDragWithThe204sWorker) {
-    const NSInteger folder =
-        platform::open_folder_window("/guest", NSMakeRect(0, 0, 300, 300), true);
-    platform::select_in_window(folder, {Selection::Kind::Paths, {"/guest/a", "/guest/b"}, {}});
-    drag_to_edge();
-    int polls = 0;
-    SendFunction send = [&, host = m_host.send()](CommonMacCommunicator* c, const void* out,
-                                                  uint32_t outSize, void* reply,
-                                                  uint32_t replySize) {
-        if (dnd::command(out) != dnd::kCmdPoll) return host(c, out, outSize, reply, replySize);
-        dnd::init_message(reply, replySize, dnd::kCmdPoll, 0);
-        if (++polls == 1) {
-            le::put32(reply, dnd::kOffStatus, dnd::kHostCmdGuestToHost);
-            le::put64(reply, dnd::kOffWorkerId, 5);
-            return true;
-        }
-        g_stopFlag = true;
-        return false;
-    };
-    ControlLoopHooks hooks = default_control_loop_hooks();
-    hooks.registerTool = [](const char*, const char*, const ToolInfo*, const char*, const void*,
-                            uint32_t) { return int32_t{0}; };
-    hooks.unregisterTool = [](const char*) { return int32_t{0}; };
-    on_control_thread([&] { RunControlLoop(nullptr, send, hooks); });
-    g_stopFlag = false;
-    m_pool.Stop();
-
-    Strings loop;
-    for (const auto& r : m_host.sent())
-        if (r.workerId == 5 || r.command == dnd::kCmdFileList) loop.push_back(r.text());
-    EXPECT_EQ(loop, (Strings{"258", "260"}));
-    size_t handOver = 0, end = 0;
-    const auto sent = m_host.sent();
-    for (size_t i = 0; i < sent.size(); ++i) {
-        if (sent[i].command == dnd::kCmd273) handOver = i;
-        if (sent[i].command == dnd::kCmdEnd && sent[i].workerId == 5) end = i;
-    }
-    EXPECT_LT(handOver, end);
 }
 
 }  // namespace

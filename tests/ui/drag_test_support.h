@@ -15,7 +15,10 @@
 #include "channel/dnd_message.h"
 #include "common/byte_order.h"
 #include "platform/sim/desktop.h"
+#include "platform/sim/run_loop.h"
+#include "support/private_root.h"
 #include "text/encoding.h"
+#include "ui/overlay.h"
 
 namespace qvxtest {
 
@@ -197,5 +200,23 @@ inline std::pair<double, double> pixels_of(double x, double y) {
     platform::points_to_pointer(NSMakePoint(x, y), px, py);
     return {px, py};
 }
+
+// A private platform root for the process; each test starts on a fresh desktop with no
+// dragged paths, and leaves the main run loop empty.
+class DesktopFixture : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        private_platform_root();
+        qvx::init_global_mutex();
+    }
+    void SetUp() override {
+        platform::desktop_reset();
+        qvx::clear_dragged_paths();
+    }
+    void TearDown() override {
+        platform::run_loop_reset(CFRunLoopGetMain());
+        platform::desktop_reset();
+    }
+};
 
 }  // namespace qvxtest

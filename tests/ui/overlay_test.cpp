@@ -8,7 +8,6 @@
 #include <CoreFoundation/CoreFoundation.h>
 
 #include "support/main_loop.h"
-#include "support/private_root.h"
 #include "ui/drag_test_support.h"
 #include "ui/overlay.h"
 #include "ui/view.h"
@@ -54,20 +53,11 @@ Strings dragged() {
     return copy;
 }
 
-class OverlayTest : public ::testing::Test {
+class OverlayTest : public qvxtest::DesktopFixture {
   protected:
-    static void SetUpTestSuite() {
-        qvxtest::private_platform_root();
-        init_global_mutex();
-    }
-    void SetUp() override {
-        platform::desktop_reset();
-        clear_dragged_paths();
-    }
     void TearDown() override {
         on_main([] { hide_overlay(); });
-        platform::run_loop_reset(CFRunLoopGetMain());
-        platform::desktop_reset();
+        DesktopFixture::TearDown();
     }
 };
 
@@ -144,46 +134,6 @@ TEST_F(OverlayTest, ViewTakesFileNamesInPasteboardOrderAndRefusesOtherDrags) {
     view.draggingEnded(&files);
     EXPECT_EQ(dragEnded.load(), 1);
     EXPECT_TRUE(dragged().empty());
-}
-
-TEST_F(OverlayTest, ClickStartsAOnePointPromiseDragAndADropOnAFolderStartsOneReceiveJob) {
-    qvxtest::ScriptedHost host;
-    DnDPool pool(nullptr, host.send());
-    ASSERT_TRUE(pool.Init());
-    qvxtest::JobRecorder::install(pool);
-    g_dragPool = &pool;
-    platform::open_folder_window("/guest/Desktop", NSMakeRect(1000, 0, 400, 300), true);
-
-    qvxtest::with_main_loop([&] {
-        post_to_main([] { show_overlay(720, 450, 42); });
-        auto [x, y] = qvxtest::pixels_of(725, 455);
-        platform::post_pointer_event(x, y, 1);
-        qvxtest::settle();
-        const auto drag = platform::current_drag();
-        ASSERT_TRUE(drag);
-        EXPECT_TRUE(drag->ownedByTool);
-        EXPECT_EQ(drag->source, overlayWindowNumber.load());
-        EXPECT_EQ(drag->types, Strings{"NSFilesPromisePboardType"});
-        EXPECT_EQ(drag->image.width, 1.0);
-        EXPECT_EQ(drag->image.height, 1.0);
-        EXPECT_EQ(drag->over, 0);  // the overlay does not take promises
-        std::tie(x, y) = qvxtest::pixels_of(1200, 100);
-        platform::post_pointer_event(x, y, 1);
-        platform::post_pointer_event(x, y, 0);
-        qvxtest::settle();
-    });
-    pool.Stop();
-    g_dragPool = nullptr;
-    pool.Destroy();
-    const auto jobs = qvxtest::JobRecorder::started();
-    qvxtest::JobRecorder::release();
-
-    EXPECT_EQ(filesDropped.load(), 1);
-    ASSERT_EQ(jobs.size(), 1u);
-    EXPECT_EQ(jobs[0].direction, kDirectionReceive);
-    EXPECT_EQ(jobs[0].workerId, 42u);
-    EXPECT_EQ(jobs[0].destination, "/guest/Desktop");
-    EXPECT_TRUE(host.sent().empty());
 }
 
 // The capability is asked once per process, so each case runs in a process of its own.
