@@ -75,6 +75,15 @@ class RecordingView : public NSView, public NSDraggingDestination {
     void draggingEnded(NSDraggingInfo*) override { events.push_back("ended"); }
 };
 
+// The view of `window`, raised to the tool's level, taking colours and file names.
+RecordingView* add_recording_view(NSWindow& window) {
+    auto* view = new RecordingView;
+    window.setContentView(view);
+    view->registerForDraggedTypes(types_of({NSColorPboardType, NSFilenamesPboardType}).get());
+    window.setLevel(26);
+    return view;
+}
+
 // A view that starts a promised-files drag when pressed, and the source it names.
 class PromisingView : public NSView, public NSDraggingSource {
   public:
@@ -152,10 +161,7 @@ TEST_F(DesktopTest, WindowServerListsAWindowExactlyWhileOrderedOnScreenFrontToBa
 TEST_F(DesktopTest, FileDragFollowsThePointerAndWindowChangesAndEndsWhereReleased) {
     // A window of the tool on the right, a folder window with two files on the left.
     NSWindow target(NSMakeRect(600, 300, 200, 200), 6, NSBackingStoreBuffered, NO);
-    auto* view = new RecordingView;
-    target.setContentView(view);
-    view->registerForDraggedTypes(types_of({NSColorPboardType, NSFilenamesPboardType}).get());
-    target.setLevel(26);
+    RecordingView* view = add_recording_view(target);
     target.makeKeyAndOrderFront(nil);
     const NSInteger folder =
         platform::open_folder_window("/guest/docs", NSMakeRect(100, 100, 300, 300), true);
@@ -212,11 +218,8 @@ TEST_F(DesktopTest, FileDragFollowsThePointerAndWindowChangesAndEndsWhereRelease
 
 TEST_F(DesktopTest, DragsOnlyEnterViewsThatRegisteredOneOfTheirTypes) {
     NSWindow target(NSMakeRect(0, 0, 400, 400), 6, NSBackingStoreBuffered, NO);
-    auto* view = new RecordingView;
+    RecordingView* view = add_recording_view(target);
     view->answer = NSDragOperationNone;
-    target.setContentView(view);
-    view->registerForDraggedTypes(types_of({NSColorPboardType, NSFilenamesPboardType}).get());
-    target.setLevel(26);
     target.orderFront(nil);
     const NSInteger folder =
         platform::open_folder_window("/guest", NSMakeRect(500, 0, 300, 300), true);
@@ -368,33 +371,6 @@ TEST_F(DesktopTest, ControlSocketAnswersEveryLineAndRemovesItsSocket) {
     }
     desktop.Stop();
     EXPECT_NE(::access(path.c_str(), F_OK), 0);
-}
-
-TEST(CoreFoundationObjects, NumbersAndArraysCompareByValueAndHoldTheirEntries) {
-    const int32_t one = 1;
-    const double oneAndAHalf = 1.5;
-    CFNumberRef a = CFNumberCreate(nullptr, kCFNumberSInt32Type, &one);
-    const int64_t wide = 1;
-    CFNumberRef b = CFNumberCreate(nullptr, kCFNumberSInt64Type, &wide);
-    CFNumberRef c = CFNumberCreate(nullptr, kCFNumberDoubleType, &oneAndAHalf);
-    CFStringRef s = CFStringCreateWithCString(nullptr, "1", kCFStringEncodingUTF8);
-    EXPECT_TRUE(CFEqual(a, b));
-    EXPECT_FALSE(CFEqual(a, c));
-    EXPECT_FALSE(CFEqual(a, s));
-    int8_t narrow = 0;
-    EXPECT_FALSE(CFNumberGetValue(c, kCFNumberSInt8Type, &narrow));
-    EXPECT_EQ(narrow, 1);
-
-    const void* values[] = {a, s};
-    CFArrayRef array = CFArrayCreate(nullptr, values, 2, &kCFTypeArrayCallBacks);
-    CFRelease(a);  // the array keeps its own references
-    CFRelease(s);
-    EXPECT_EQ(CFArrayGetCount(array), 2);
-    EXPECT_EQ(CFGetTypeID(CFArrayGetValueAtIndex(array, 1)), CFStringGetTypeID());
-    EXPECT_EQ(CFArrayGetValueAtIndex(array, 2), nullptr);
-    CFRelease(array);
-    CFRelease(b);
-    CFRelease(c);
 }
 
 }  // namespace

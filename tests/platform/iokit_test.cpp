@@ -242,6 +242,25 @@ TEST_F(IOKitTest, BrokenRepliesFailTheCallWithoutWritingPastTheBufferAndTheNextC
     IOServiceClose(connect);
 }
 
+// Holds a peer's reply until released, for at most 3 s: a call the signal failed to end
+// then fails the test instead of hanging it.
+struct Hold {
+    std::mutex mutex;
+    std::condition_variable cv;
+    bool released = false;
+    bool wait() {
+        std::unique_lock lock(mutex);
+        return cv.wait_for(lock, std::chrono::seconds(3), [&] { return released; });
+    }
+    void release() {
+        {
+            std::lock_guard lock(mutex);
+            released = true;
+        }
+        cv.notify_all();
+    }
+};
+
 volatile sig_atomic_t g_handled = 0;
 void count_signal(int) {
     g_handled = g_handled + 1;
@@ -276,21 +295,14 @@ TEST_F(IOKitTest, SignalEndsTheWaitForAReplyAndItsSocketUnlessTheThreadBlocksIt)
     // signal() gives SA_RESTART, which restarts a blocking read: the wait must still end.
     const auto previous = std::signal(SIGUSR1, count_signal);
     std::atomic<int> round{0};
-    std::mutex mutex;
-    std::condition_variable cv;
-    bool released = false;
+    Hold hold;
     RawPeer peer(
         "QvxHoldGate",
         [&](const std::vector<uint8_t>&) -> std::optional<std::vector<uint8_t>> {
             switch (round++) {
-                case 0: {
-                    // A held poll. Answered only if the guest is still waiting after 3 s,
-                    // so that a call the signal failed to end fails the test, not hangs it.
-                    std::unique_lock lock(mutex);
-                    if (cv.wait_for(lock, std::chrono::seconds(3), [&] { return released; }))
-                        return std::nullopt;
+                case 0:  // a held poll, answered only if the guest still waits
+                    if (hold.wait()) return std::nullopt;
                     return reply_frame(40);
-                }
                 case 1:
                     std::this_thread::sleep_for(std::chrono::milliseconds(300));
                     return reply_frame(40);
@@ -307,11 +319,7 @@ TEST_F(IOKitTest, SignalEndsTheWaitForAReplyAndItsSocketUnlessTheThreadBlocksIt)
 
     std::chrono::milliseconds took{};
     EXPECT_EQ(call_under_signals(call, false, took), kIOReturnAborted);
-    {
-        std::lock_guard lock(mutex);
-        released = true;
-    }
-    cv.notify_all();
+    hold.release();
     EXPECT_EQ(status, toolgate::kStatusUnset);
     EXPECT_GT(g_handled, 0);
     EXPECT_LT(took.count(), 2000);
@@ -340,9 +348,7 @@ TEST_F(IOKitTest, LargeReplyArrivesWholeAndASignalEndsAWaitInMidReply) {
     const auto previous = std::signal(SIGUSR1, count_signal);
     constexpr uint32_t kLarge = 2196 + 131072;
     std::atomic<bool> stall{false};
-    std::mutex mutex;
-    std::condition_variable cv;
-    bool released = false;
+    Hold hold;
     RawPeer peer(
         "QvxMidwayGate",
         [&](const std::vector<uint8_t>&) -> std::optional<std::vector<uint8_t>> {
@@ -350,9 +356,7 @@ TEST_F(IOKitTest, LargeReplyArrivesWholeAndASignalEndsAWaitInMidReply) {
         },
         /*piece=*/100 * 1024,
         [&] {
-            if (!stall) return;
-            std::unique_lock lock(mutex);
-            cv.wait_for(lock, std::chrono::seconds(3), [&] { return released; });
+            if (stall) hold.wait();
         });
     io_connect_t connect = open_service("QvxMidwayGate");
     ASSERT_NE(connect, 0u);
@@ -372,11 +376,7 @@ TEST_F(IOKitTest, LargeReplyArrivesWholeAndASignalEndsAWaitInMidReply) {
     EXPECT_EQ(status, toolgate::kStatusUnset);
     EXPECT_LT(took.count(), 2000);
     stall = false;
-    {
-        std::lock_guard lock(mutex);
-        released = true;
-    }
-    cv.notify_all();
+    hold.release();
     // The next call goes out on a new socket and is answered in full.
     ASSERT_EQ(call_dnd(connect, out, reply, status), kIOReturnSuccess);
     EXPECT_EQ(status, 7u);
