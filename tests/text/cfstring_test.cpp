@@ -76,29 +76,6 @@ TEST(CFStringStandIn, GetCStringNeedsRoomForTheNul) {
     CFRelease(s);
 }
 
-TEST(CFStringStandIn, NormalizesToEachForm) {
-    struct Case {
-        CFStringNormalizationForm form;
-        const char* in;
-        const char* out;
-    };
-    const Case cases[] = {
-        {kCFStringNormalizationFormD, "\xC3\xA9", "e\xCC\x81"},
-        {kCFStringNormalizationFormC, "e\xCC\x81", "\xC3\xA9"},
-        {kCFStringNormalizationFormKD, "\xEF\xAC\x81", "fi"},        // U+FB01 ligature
-        {kCFStringNormalizationFormKC, "\xE2\x84\xAB", "\xC3\x85"},  // Angstrom sign
-    };
-    for (const Case& c : cases) {
-        CFStringRef source = CFStringCreateWithCString(nullptr, c.in, kCFStringEncodingUTF8);
-        CFMutableStringRef s = CFStringCreateMutableCopy(nullptr, 0, source);
-        CFStringNormalize(s, c.form);
-        EXPECT_EQ(Utf8Of(s), c.out);
-        EXPECT_EQ(Utf8Of(source), c.in);  // the source is untouched
-        CFRelease(s);
-        CFRelease(source);
-    }
-}
-
 TEST(CFStringStandIn, SizesAndLimits) {
     EXPECT_EQ(CFStringGetMaximumSizeForEncoding(4, kCFStringEncodingUTF8), 12);
     EXPECT_EQ(CFStringGetMaximumSizeForEncoding(LONG_MAX / 2, kCFStringEncodingUTF8), kCFNotFound);

@@ -147,23 +147,6 @@ class RegistrationWithHost : public ::testing::Test {
     std::vector<std::string> lines;
 };
 
-TEST_F(RegistrationWithHost, RegisterThenUnregister) {
-    ToolInfo info;
-    make_tool_info(&info, 1, 0);
-    ASSERT_EQ(register_tool(kId, "DnD tool", &info, nullptr, nullptr, 0), 0);
-    auto tools = host.tool_service().registry();
-    ASSERT_EQ(tools.size(), 1u);
-    EXPECT_EQ(tools[0].identifier, kId);
-    EXPECT_EQ(tools[0].displayName, "DnD tool");
-    EXPECT_EQ(tools[0].toolInfo, std::vector<uint8_t>(info.bytes, info.bytes + 40));
-
-    ASSERT_EQ(unregister_tool(kId), 0);
-    EXPECT_TRUE(host.tool_service().registry().empty());
-    EXPECT_EQ(trace(),
-              (std::vector<std::string>{std::string("register ") + kId + " (DnD tool) build 1042",
-                                        std::string("unregister ") + kId}));
-}
-
 TEST_F(RegistrationWithHost, FailuresLeaveNothingOpen) {
     const int fds = qvxtest::open_fd_count();
     host.tool_service().set_service_result(-3);
