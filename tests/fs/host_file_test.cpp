@@ -224,7 +224,9 @@ TEST(HostFileTransferAll, RetriesInterruptedAndContinuesShortCalls) {
     std::vector<uint8_t> back(data.size());
     platform::fault_inject(Sys::read, 1, EIO);
     EXPECT_EQ(file.transfer_all(&CHostFile::read_, back.data(), back.size()), -1);
+    platform::fault_inject(Sys::read, 1, EINTR);  // retried like a write
     EXPECT_EQ(file.transfer_all(&CHostFile::read_, back.data(), back.size()), 10000);
+    EXPECT_EQ(platform::fault_calls(Sys::read), 2u);
     EXPECT_EQ(back, data);
 }
 
