@@ -49,12 +49,6 @@ VirtualClock::~VirtualClock() {
 void VirtualClock::set_before_sleep(std::function<void()> hook) {
     g_beforeSleep = std::move(hook);
 }
-void VirtualClock::advance_us(uint64_t micros) {
-    g_nowUs += micros;
-}
-time_t VirtualClock::now() const {
-    return v_time(nullptr);
-}
 uint64_t VirtualClock::sleep_calls() const {
     return g_sleepCalls;
 }

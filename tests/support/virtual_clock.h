@@ -15,8 +15,6 @@ class VirtualClock {
     VirtualClock(const VirtualClock&) = delete;
     VirtualClock& operator=(const VirtualClock&) = delete;
 
-    void advance_us(uint64_t micros);
-    time_t now() const;
     // Sleep calls made through the seam, and the virtual microseconds they slept.
     uint64_t sleep_calls() const;
     uint64_t slept_us() const;
