@@ -89,31 +89,6 @@ TEST(ServiceWriter, FailedPutLeavesStateAsItWas) {
     writer_free(&g);
 }
 
-TEST(ServiceReader, WalksWhatTheWriterWrote) {
-    ServiceWriter w{};
-    ASSERT_EQ(writer_init(&w, 16), 0);
-    ASSERT_EQ(writer_put(&w, "DnD tool", 8, 0x20CA, nullptr), 0);
-    ASSERT_EQ(writer_put(&w, nullptr, 0, 0x20CC, nullptr), 0);
-    ASSERT_EQ(writer_put(&w, "id", 2, 0x2191, nullptr), 0);
-
-    ServiceWriter r{};
-    ASSERT_EQ(reader_open(&r, writer_data(&w), writer_total_size(&w), 16), 0);
-    std::vector<uint32_t> tags;
-    std::string last;
-    int32_t status = 0;
-    for (; status == 0; status = reader_next(&r)) {
-        tags.push_back(reader_element_tag(&r));
-        last.assign(reinterpret_cast<const char*>(reader_element_data(&r)),
-                    reader_element_length(&r));
-    }
-    EXPECT_EQ(status, kSbEnd);
-    EXPECT_EQ(reader_next(&r), kSbEnd);  // stays at the end
-    EXPECT_EQ(tags, (std::vector<uint32_t>{0x20CA, 0x20CC, 0x2191}));
-    EXPECT_EQ(last, "id");
-    EXPECT_EQ(reader_element(&r), nullptr);  // nothing to hand out past the end
-    writer_free(&w);
-}
-
 TEST(ServiceReader, ReportsEachKindOfDamage) {
     ServiceWriter r{};
     auto open = [&](const std::vector<uint8_t>& b, uint32_t offset) {
