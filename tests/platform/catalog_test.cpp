@@ -95,35 +95,67 @@ void expect_untouched(const struct stat& before, const std::string& path) {
 
 }  // namespace
 
-TEST(Catalog, FileAndFolderRoundTripEveryField) {
+// Every writable field goes round on a file and a folder. Attribute calls take the item's
+// own descriptor; an item that cannot be read (here refused by the seam) gets them through
+// /proc. A pipe is named, never opened.
+TEST(Catalog, FileAndFolderRoundTripEveryFieldThroughTheirDescriptorOrProc) {
     TempDir dir;
-    qvxtest::write_file(dir / "f", "twelve bytes");
-    qvxtest::make_dirs(dir / "d");
-    for (const auto& [name, format] : {std::pair{"f", S_IFREG}, std::pair{"d", S_IFDIR}}) {
-        SCOPED_TRACE(name);
-        FSRef ref;
-        Boolean isDirectory = 2;
-        ASSERT_EQ(make_ref(dir / name, &ref, &isDirectory), noErr);
-        EXPECT_EQ(isDirectory, format == S_IFDIR);
-        const FSCatalogInfo before = info_of(ref);
-        EXPECT_EQ(before.nodeFlags, format == S_IFDIR ? kFSNodeIsDirectoryMask : 0);
-        EXPECT_EQ(finder_flags(before), 0);
-        EXPECT_EQ(before.dataLogicalSize, format == S_IFDIR ? 0u : 12u);
-        EXPECT_EQ(before.nodeID, static_cast<UInt32>(lstat_of(dir / name).st_ino));
+    ASSERT_EQ(::mkfifo((dir / "pipe").c_str(), 0644), 0);
+    using platform::Sys;
+    const FSCatalogInfo values = new_values();
+    for (const bool readable : {true, false}) {
+        const std::string f = readable ? "f" : "unreadable f", d = readable ? "d" : "unreadable d";
+        qvxtest::write_file(dir / f, "twelve bytes");
+        qvxtest::make_dirs(dir / d);
+        qvxtest::FaultScope faults;
+        if (!readable) {
+            faults.table().openat = [](int dirFd, const char* n, int flags, mode_t m) {
+                if (!(flags & O_PATH)) return errno = EACCES, -1;
+                return platform::real_syscalls()->openat(dirFd, n, flags, m);
+            };
+        }
+        faults.install();
+        for (const auto& [name, format] : {std::pair{f, S_IFREG}, std::pair{d, S_IFDIR}}) {
+            SCOPED_TRACE(name);
+            platform::fault_reset_counts();
+            FSRef ref;
+            Boolean isDirectory = 2;
+            ASSERT_EQ(make_ref(dir / name, &ref, &isDirectory), noErr);
+            EXPECT_EQ(isDirectory, format == S_IFDIR);
+            const FSCatalogInfo before = info_of(ref);
+            EXPECT_EQ(before.nodeFlags, format == S_IFDIR ? kFSNodeIsDirectoryMask : 0);
+            EXPECT_EQ(finder_flags(before), 0);
+            EXPECT_EQ(before.dataLogicalSize, format == S_IFDIR ? 0u : 12u);
+            EXPECT_EQ(before.nodeID, static_cast<UInt32>(lstat_of(dir / name).st_ino));
 
-        const FSCatalogInfo values = new_values();
-        ASSERT_EQ(FSSetCatalogInfo(&ref, kWritable, &values), noErr);
-        const FSCatalogInfo after = info_of(ref);
-        expect_new_values(after, format);
-        EXPECT_EQ(after.volume, before.volume);
-        const struct stat st = lstat_of(dir / name);
-        EXPECT_EQ(st.st_mtim.tv_sec, 3'600'000'000 - 2'082'844'800);
-        EXPECT_EQ(st.st_mtim.tv_nsec, 500'000'000);
-        // Other programs read the creation date here: u64 LE seconds since 1904.
-        uint8_t raw[8];
-        ASSERT_EQ(::lgetxattr((dir / name).c_str(), "user.quorvex.crtime", raw, 8), 8);
-        EXPECT_EQ(qvx::le::get64(raw), kAfter2040);
+            ASSERT_EQ(FSSetCatalogInfo(&ref, kWritable, &values), noErr);
+            const FSCatalogInfo after = info_of(ref);
+            expect_new_values(after, format);
+            EXPECT_EQ(after.volume, before.volume);
+            const struct stat st = lstat_of(dir / name);
+            EXPECT_EQ(st.st_mtim.tv_sec, 3'600'000'000 - 2'082'844'800);
+            EXPECT_EQ(st.st_mtim.tv_nsec, 500'000'000);
+            // Other programs read the creation date here: u64 LE seconds since 1904.
+            uint8_t raw[8];
+            ASSERT_EQ(::lgetxattr((dir / name).c_str(), "user.quorvex.crtime", raw, 8), 8);
+            EXPECT_EQ(qvx::le::get64(raw), kAfter2040);
+
+            const uint64_t byPath = platform::fault_calls(Sys::listxattr) +
+                                    platform::fault_calls(Sys::setxattr) +
+                                    platform::fault_calls(Sys::getxattr);
+            const uint64_t byDescriptor = platform::fault_calls(Sys::flistxattr) +
+                                          platform::fault_calls(Sys::fsetxattr) +
+                                          platform::fault_calls(Sys::fgetxattr);
+            EXPECT_EQ(byPath > 0, !readable);
+            EXPECT_EQ(byDescriptor > 0, readable);
+        }
     }
+    FSRef pipe;
+    ASSERT_EQ(make_ref(dir / "pipe", &pipe), noErr);
+    EXPECT_EQ(info_of(pipe).permissions.mode & S_IFMT, S_IFIFO);
+    // A writer finds no reader: the reference did not open the pipe.
+    EXPECT_EQ(::open((dir / "pipe").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC), -1);
+    EXPECT_EQ(errno, ENXIO);
 }
 
 // Our attributes are found among many others (a list longer than one read takes), and
@@ -225,49 +257,6 @@ TEST(Catalog, ReferenceFollowsTheObjectNotThePath) {
     ASSERT_EQ(make_ref(dir / "moved", &moved), noErr);
     expect_new_values(info_of(moved), S_IFREG);
     expect_untouched(elsewhere, dir / "elsewhere");
-}
-
-// Files and folders take attribute calls on their own descriptor; one that cannot be read
-// (here refused by the seam) gets them through /proc; a pipe is named, never opened.
-TEST(Catalog, AttributeCallsTakeTheDescriptorAndSpecialFilesAreNeverOpened) {
-    TempDir dir;
-    qvxtest::write_file(dir / "f", "");
-    qvxtest::make_dirs(dir / "d");
-    ASSERT_EQ(::mkfifo((dir / "pipe").c_str(), 0644), 0);
-    using platform::Sys;
-    const FSCatalogInfo values = new_values();
-    for (const bool readable : {true, false}) {
-        qvxtest::FaultScope faults;
-        if (!readable) {
-            faults.table().openat = [](int d, const char* n, int flags, mode_t m) {
-                if (!(flags & O_PATH)) return errno = EACCES, -1;
-                return platform::real_syscalls()->openat(d, n, flags, m);
-            };
-        }
-        faults.install();
-        for (const auto& [name, format] : {std::pair{"f", S_IFREG}, std::pair{"d", S_IFDIR}}) {
-            SCOPED_TRACE(std::string(name) + (readable ? " readable" : " unreadable"));
-            platform::fault_reset_counts();
-            FSRef ref;
-            ASSERT_EQ(make_ref(dir / name, &ref), noErr);
-            ASSERT_EQ(FSSetCatalogInfo(&ref, kWritable, &values), noErr);
-            expect_new_values(info_of(ref), format);
-            const uint64_t byPath = platform::fault_calls(Sys::listxattr) +
-                                    platform::fault_calls(Sys::setxattr) +
-                                    platform::fault_calls(Sys::getxattr);
-            const uint64_t byDescriptor = platform::fault_calls(Sys::flistxattr) +
-                                          platform::fault_calls(Sys::fsetxattr) +
-                                          platform::fault_calls(Sys::fgetxattr);
-            EXPECT_EQ(byPath > 0, !readable);
-            EXPECT_EQ(byDescriptor > 0, readable);
-        }
-    }
-    FSRef pipe;
-    ASSERT_EQ(make_ref(dir / "pipe", &pipe), noErr);
-    EXPECT_EQ(info_of(pipe).permissions.mode & S_IFMT, S_IFIFO);
-    // A writer finds no reader: the reference did not open the pipe.
-    EXPECT_EQ(::open((dir / "pipe").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC), -1);
-    EXPECT_EQ(errno, ENXIO);
 }
 
 // The name is swapped between the look at its type and the open: for a link, which must not
