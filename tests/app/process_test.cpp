@@ -23,9 +23,7 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-bool exists(const std::string& path) {
-    return ::access(path.c_str(), F_OK) == 0;
-}
+using qvxtest::exists;
 
 size_t occurrences(const std::string& all, const std::string& text) {
     size_t n = 0;

@@ -23,10 +23,7 @@ using qvxtest::TempDir;
 
 namespace {
 
-bool exists(const std::string& path) {
-    struct stat st {};
-    return ::lstat(path.c_str(), &st) == 0;
-}
+using qvxtest::exists;
 
 int entries(const std::string& folder) {
     int n = 0;

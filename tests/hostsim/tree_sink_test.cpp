@@ -29,10 +29,7 @@ using qvxtest::write_file;
 namespace dnd = qvx::dnd;
 namespace le = qvx::le;
 
-bool exists(const std::string& path) {
-    struct stat st {};
-    return ::lstat(path.c_str(), &st) == 0;
-}
+using qvxtest::exists;
 
 class TreeSinkTest : public ::testing::Test {
   protected:

@@ -44,10 +44,7 @@ const bool g_sandboxReady = [] {
     return true;
 }();
 
-bool exists(const std::string& path) {
-    struct stat info {};
-    return stat(path.c_str(), &info) == 0;
-}
+using qvxtest::exists;
 
 mode_t permissions(const std::string& path) {
     struct stat info {};

@@ -28,6 +28,8 @@ class TempDir {
 void write_file(const std::string& path, const std::string& contents);
 std::string read_file(const std::string& path);
 void make_dirs(const std::string& path);
+// Whether the item itself is there (a link whatever its target).
+bool exists(const std::string& path);
 // Number of open descriptors of this process.
 int open_fd_count();
 

@@ -21,10 +21,7 @@ using namespace qvx;
 using qvxtest::ScriptedHost;
 using qvxtest::TempDir;
 
-bool exists(const std::string& path) {
-    struct stat st;
-    return ::lstat(path.c_str(), &st) == 0;
-}
+using qvxtest::exists;
 
 TransferJob delete_job(std::vector<std::string> paths) {
     TransferJob job;

@@ -32,11 +32,6 @@ const Notices kFailedOnly{{4u, 12u, u""}};
 const SourcePolicy kReplaceOrSkip{101, 102};
 const SourcePolicy kSkipExisting{102, 0};
 
-bool exists(const std::string& path) {
-    struct stat st {};
-    return ::lstat(path.c_str(), &st) == 0;
-}
-
 uint64_t ticks(time_t unixSeconds) {
     return kTicks1601To1970 + static_cast<uint64_t>(unixSeconds) * kTicksPerSecond;
 }

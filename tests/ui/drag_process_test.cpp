@@ -33,10 +33,7 @@ using Clock = std::chrono::steady_clock;
 // Several chunks, the last one short.
 constexpr size_t kBigFile = 3 * 131072 + 5;
 
-bool exists(const std::string& path) {
-    struct stat st {};
-    return ::lstat(path.c_str(), &st) == 0;
-}
+using qvxtest::exists;
 
 using qvxtest::eventually;
 
