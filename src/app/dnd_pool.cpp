@@ -37,7 +37,8 @@ bool DnDPool::StartReceive(uint64_t workerId, const std::string& destination) {
     return Launch(job);
 }
 
-bool DnDPool::StartSend(uint64_t workerId, uint32_t action, const std::vector<std::string>& paths) {
+bool DnDPool::StartSend(uint64_t workerId, uint32_t action, const std::vector<std::string>& paths,
+                        const std::vector<FileIdentity>& identities) {
     auto* job = new (std::nothrow) TransferJob;
     if (job == nullptr) return false;
     job->pool = this;
@@ -45,6 +46,7 @@ bool DnDPool::StartSend(uint64_t workerId, uint32_t action, const std::vector<st
     job->workerId = workerId;
     job->action = action;
     job->paths = paths;
+    job->identities = identities;
     return Launch(job);
 }
 

@@ -28,9 +28,11 @@ class DnDPool {
     // Initialises m_lockMutex; logs "Can't init m_lockMutex" and gives false on failure.
     bool Init();
     // Start a receive job into `destination`, or a send job for `paths` with the host's
-    // action. False when the thread could not be created (logged; nothing is listed).
+    // action and what the paths named when the drag was read (a delete removes only those
+    // items). False when the thread could not be created (logged; nothing is listed).
     bool StartReceive(uint64_t workerId, const std::string& destination);
-    bool StartSend(uint64_t workerId, uint32_t action, const std::vector<std::string>& paths);
+    bool StartSend(uint64_t workerId, uint32_t action, const std::vector<std::string>& paths,
+                   const std::vector<FileIdentity>& identities);
     // Joins every job listed when it is called; the list itself is left to the jobs.
     void Stop();
     // Destroys the lock and forgets the list without joining.

@@ -81,10 +81,15 @@ bool open_level(int dirFd, const char* name, Level& level) {
 // outside the tree, and no path grows with the depth. At most kOpenLevels streams are held.
 class TreeWalk {
   public:
-    // Takes over `rootFd`, the folder to empty; the folder itself stays.
-    bool empty(int rootFd) {
+    // Takes over `rootFd`, the folder to empty; the folder itself stays. With `expected`,
+    // a folder of another identity is left alone.
+    bool empty(int rootFd, const FileIdentity* expected) {
         Level root;
         if (!hold(root, rootFd)) return false;
+        if (expected && !(*expected == FileIdentity{root.dev, root.ino, true})) {
+            errno = ESTALE;
+            return false;
+        }
         m_levels.push_back(std::move(root));
         for (;;) {
             const int topFd = m_levels.back().fd();
@@ -103,6 +108,10 @@ class TreeWalk {
             if (!S_ISDIR(child.st_mode)) {
                 if (platform::sys_unlinkat(topFd, name, 0) != 0) return false;
                 continue;
+            }
+            if (child.st_dev != m_levels.front().dev) {
+                errno = EXDEV;
+                return false;
             }
             Level next;
             next.name = name;  // `entry` lives only until the next readdir
@@ -157,8 +166,26 @@ bool make_directory_at(int dirFd, const char* name, uint32_t* result) {
     return false;
 }
 
-bool remove_tree_at(int dirFd, const char* name) {
-    if (std::strchr(name, '/')) {
+FileIdentity identity_of(const struct stat& st) {
+    return FileIdentity{st.st_dev, st.st_ino, true};
+}
+
+bool is_plain_path(std::string_view path) {
+    if (path.empty() || path.front() != '/') return false;
+    size_t start = 1;
+    for (;;) {
+        const size_t slash = path.find('/', start);
+        const std::string_view component = path.substr(start, slash - start);
+        if (component == "." || component == "..") return false;
+        if (slash == std::string_view::npos) return true;
+        start = slash + 1;
+    }
+}
+
+bool remove_tree_at(int dirFd, const char* name, const FileIdentity* expected) {
+    // "." and ".." name the folder itself or the one above it: emptying them through this
+    // name would remove what lies beside the item.
+    if (std::strchr(name, '/') || is_dot_entry(name) || name[0] == '\0') {
         errno = EINVAL;
         return false;
     }
@@ -170,6 +197,10 @@ bool remove_tree_at(int dirFd, const char* name) {
         if ((error == ELOOP || error == ENOTDIR) &&
             platform::sys_fstatat(dirFd, name, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
             S_ISLNK(st.st_mode)) {
+            if (expected && !(*expected == identity_of(st))) {
+                errno = ESTALE;
+                return false;
+            }
             return platform::sys_unlinkat(dirFd, name, 0) == 0;
         }
         errno = error;
@@ -178,27 +209,72 @@ bool remove_tree_at(int dirFd, const char* name) {
     bool emptied = false;
     try {
         TreeWalk walk;
-        emptied = walk.empty(childFd);
+        emptied = walk.empty(childFd, expected);
     } catch (const std::bad_alloc&) {
         errno = ENOMEM;
     }
     return emptied && platform::sys_unlinkat(dirFd, name, AT_REMOVEDIR) == 0;
 }
 
-bool remove_tree(const char* path) {
-    // A trailing slash would make the kernel follow a final link despite O_NOFOLLOW.
+namespace {
+
+// Opens the folder that holds the last component of `path` and sets `leaf` to that
+// component; -1 when the folder cannot be opened. Trailing slashes are dropped: they would
+// make the kernel follow a final link despite O_NOFOLLOW. The folders above the last
+// component are the caller's to trust, links included.
+int open_parent_of(const char* path, std::string& leaf) {
     std::string own(path);
     while (own.size() > 1 && own.back() == '/') own.pop_back();
-    // The folders above the last component are the caller's to trust, links included.
     const size_t slash = own.rfind('/');
-    if (slash == std::string::npos) return remove_tree_at(AT_FDCWD, own.c_str());
+    if (slash == std::string::npos) {
+        leaf = own;
+        return platform::sys_open(".", O_PATH | O_DIRECTORY | O_CLOEXEC);
+    }
+    leaf = own.substr(slash + 1);
     const std::string parent = slash == 0 ? "/" : own.substr(0, slash);
-    const int parentFd = platform::sys_open(parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-    if (parentFd == -1) return false;
-    const bool removed = remove_tree_at(parentFd, own.c_str() + slash + 1);
+    return platform::sys_open(parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+}
+
+void close_keeping_errno(int fd) {
     const int error = errno;
-    platform::sys_close(parentFd);
+    platform::sys_close(fd);
     errno = error;
+}
+
+}  // namespace
+
+bool remove_tree(const char* path) {
+    std::string leaf;
+    const int parentFd = open_parent_of(path, leaf);
+    if (parentFd == -1) return false;
+    const bool removed = remove_tree_at(parentFd, leaf.c_str());
+    close_keeping_errno(parentFd);
+    return removed;
+}
+
+bool remove_item(const char* path, const FileIdentity& expected) {
+    std::string leaf;
+    if (!expected.known) {
+        errno = ESTALE;
+        return false;
+    }
+    const int parentFd = open_parent_of(path, leaf);
+    if (parentFd == -1) return false;
+    struct stat st {};
+    bool removed = false;
+    if (leaf.empty() || is_dot_entry(leaf.c_str())) {
+        errno = EINVAL;
+    } else if (platform::sys_fstatat(parentFd, leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+    } else if (!(identity_of(st) == expected)) {
+        errno = ESTALE;
+    } else if (S_ISDIR(st.st_mode)) {
+        removed = remove_tree_at(parentFd, leaf.c_str(), &expected);
+    } else {
+        // The name was checked a moment ago in a folder held open: a swap in between can
+        // only lead to another name of that same folder.
+        removed = platform::sys_unlinkat(parentFd, leaf.c_str(), 0) == 0;
+    }
+    close_keeping_errno(parentFd);
     return removed;
 }
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "channel/message_ops.h"
+#include "fs/fs_helpers.h"
 
 namespace qvx {
 
@@ -33,8 +34,15 @@ struct TransferJob {
     uint64_t workerId = 0;
     std::string destination;         // receive: the folder that takes the files
     std::vector<std::string> paths;  // send: the guest items to send or delete
-    uint32_t action = 0;             // send: 0 send, 4 delete the paths, other: nothing
+    // send: what each path named when the drag was read (identify_items); a delete removes
+    // only these items, whatever the names lead to by then.
+    std::vector<FileIdentity> identities;
+    uint32_t action = 0;  // send: 0 send, 4 delete the paths, other: nothing
 };
+
+// What each path names now, a final link itself rather than its target; an item that
+// cannot be examined gets an identity that matches nothing.
+std::vector<FileIdentity> identify_items(const std::vector<std::string>& paths);
 
 // Runs the transfer that `job` describes and closes its operation with exactly one 260:
 // checked (a refusal is reported) after success, plain after a failure that has already
@@ -42,7 +50,11 @@ struct TransferJob {
 void RunTransferJob(const TransferJob& job, const DnDContext& context);
 
 // Deletes the listed guest items (folders with everything in them, links as links),
-// trying every one; false when any could not be removed.
-bool delete_items(const std::vector<std::string>& paths);
+// trying every one; false when any could not be removed. A path is removed only when it
+// is plain (is_plain_path) and its last component still holds the item of the same
+// index in `identities`: a folder on the way swapped for a link, or the item for
+// another, leads nowhere else.
+bool delete_items(const std::vector<std::string>& paths,
+                  const std::vector<FileIdentity>& identities);
 
 }  // namespace qvx

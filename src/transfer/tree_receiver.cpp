@@ -34,6 +34,7 @@ struct Receive {
     const std::string& destination;
     int root;         // the destination folder, open for the whole receive
     uint8_t* buffer;  // kTransferBufferSize bytes
+    uint64_t budget;  // data bytes the host may still send, of those it announced
     // The destination as a catalog reference, and the last folder reached from it (items
     // of one folder come one after another), so that an item's reference is made one name
     // at a time from the destination, never from a path string.
@@ -41,19 +42,26 @@ struct Receive {
     std::string refFolder;  // relative name of `refFolderRef`; empty: the destination
     FSRef refFolderRef;
     bool refFolderValid = false;
+    FSVolumeRefNum volume = 0;  // the destination's, which every item created is on
 };
+
+// What the link target query found.
+enum class Link { None, Target, Unusable };
 
 // The item being received.
 struct Item {
     ItemInfo info;  // from the 272 reply; info.path names the item, it is never opened
     ItemName name;
-    std::string linkTarget;  // empty: not a link
+    Link link = Link::None;
+    std::string linkTarget;  // with Link::Target
     // The folder that holds the item, reached beneath the destination: the destination's
     // own descriptor, one of our own, or -1 when it cannot be reached (parentError says why,
     // and creating the item fails with it).
     int parent = -1;
     UniqueFd ownParent;
     int parentError = 0;
+    // Why the item cannot be created at all, as an errno (0: nothing known against it).
+    int refusal = 0;
     // What was created, so that nothing else is changed or removed under its name later.
     bool created = false;
     dev_t dev = 0;
@@ -129,8 +137,14 @@ bool still_ours(const Item& item) {
 }
 
 // Reaches the folder that holds the item; false when it cannot be reached (parentError
-// says why).
+// says why). An item that cannot be created reaches none, so that creating it fails as it
+// would in a folder that refuses it: with a notice the host may answer with a skip.
 bool reach_parent(const Receive& rx, Item& item) {
+    if (item.refusal != 0) {
+        item.parent = -1;
+        item.parentError = item.refusal;
+        return false;
+    }
     const std::string_view folder = item.name.folder();
     if (folder.empty()) {
         item.parent = rx.root;
@@ -140,16 +154,6 @@ bool reach_parent(const Receive& rx, Item& item) {
     item.parent = item.ownParent ? item.ownParent.get() : -1;
     item.parentError = item.ownParent ? 0 : errno;
     return item.parent != -1;
-}
-
-// Reaches the folder that holds the item before it is created. A link or ".." on the way
-// means the host names an item through something this receive will not pass: the entry is
-// malformed. A folder that is missing or not accessible only makes the creation fail.
-bool open_parent(const Receive& rx, Item& item) {
-    if (reach_parent(rx, item) || (item.parentError != ELOOP && item.parentError != EXDEV))
-        return true;
-    notify_failed(rx);
-    return false;
 }
 
 void release_parent(Item& item) {
@@ -166,8 +170,8 @@ int next_item(const Receive& rx, Item& item) {
     const uint32_t st = status(reply.data());
     if (st == kStatusNoMoreItems) return 1;
     if (is_quiet_stop(st)) return 2;
-    // An unexpected status, a name field the reader rejects and a malformed name are all
-    // the same to the user: the host sent something this receive cannot use.
+    // An unexpected status, a name field the reader rejects and a name that is no text are
+    // all the same to the user: the host sent something this receive cannot use.
     if (st != kStatusSuccess ||
         read_file_entry(reply.data(), kMessageSize, item.info) != ReplyRead::Ok ||
         !parse_item_name(item.info.name, item.name)) {
@@ -181,8 +185,9 @@ int next_item(const Receive& rx, Item& item) {
     return 0;
 }
 
-// 769, its reply in the transfer buffer: true with the target (empty for no link), false
-// when the receive must stop.
+// 769, its reply in the transfer buffer: true with item.link set, false when the receive
+// must stop. A link whose target cannot be read from the reply (longer than we ask for,
+// a length that does not fit, a NUL) is one we cannot create.
 bool query_link_target(const Receive& rx, Item& item) {
     Record out;
     init_message(out.data(), kMessageSize, kCmdLinkTarget, rx.ctx.workerId);
@@ -197,36 +202,32 @@ bool query_link_target(const Receive& rx, Item& item) {
         const uint32_t st = status(rx.buffer);
         if (st == kStatusBufferTooSmall) {
             if (size == kLinkReplyLimit) {
-                notify_failed(rx);
-                return false;
+                item.link = Link::Unusable;
+                return true;
             }
             size = std::min(size * 2, kLinkReplyLimit);
             continue;
         }
         if (is_quiet_stop(st)) return false;
-        if (st != kStatusSuccess) {
-            item.linkTarget.clear();
-            return true;
-        }
+        if (st != kStatusSuccess) return true;
         std::u16string units;
         if (read_link_target(rx.buffer, size, units) != ReplyRead::Ok ||
             units.find(u'\0') != std::u16string::npos) {
-            notify_failed(rx);
-            return false;
-        }
-        // No target at all: the item is no link, as with any other status.
-        if (units.empty()) {
-            item.linkTarget.clear();
+            item.link = Link::Unusable;
             return true;
         }
+        // No target at all: the item is no link, as with any other status.
+        if (units.empty()) return true;
         std::string target;
         // A target that is no text converts to empty, which means "no link": the item is
         // then received as what its attributes say.
         Utf16ToNormalizedUtf8(rx.buffer + kOffData, units.size() * 2, target);
+        if (target.empty()) return true;
         // Stored as it came; the receiver never resolves it.
         for (char& c : target) {
             if (c == '\\') c = '/';
         }
+        item.link = Link::Target;
         item.linkTarget = std::move(target);
         return true;
     }
@@ -330,12 +331,9 @@ uint32_t receive_data(const Receive& rx, Item& item, CHostFile& file) {
         if (is_quiet_stop(st)) return kTransferFailed;
         if (st != kStatusSuccess) return ask_skip(rx, notice::kDataRequestRefused, item);
         // The reply buffer holds exactly the chunk asked for, so no more can arrive; a
-        // reply that says it carries a different amount is not one to write.
+        // reply that says it carries a different amount is not the data asked for.
         const uint32_t claimed = le::get32(rx.buffer, kOffDataLength);
-        if (claimed != 0 && claimed != chunk) {
-            notify_failed(rx);
-            return kTransferFailed;
-        }
+        if (claimed != 0 && claimed != chunk) return ask_skip(rx, notice::kDataRequestRefused, item);
         if (file.transfer_all(&CHostFile::write_, rx.buffer + kOffData, chunk) !=
             static_cast<int64_t>(chunk)) {
             return ask_skip(rx, notice::kChunkNotWritten, item);
@@ -362,7 +360,11 @@ uint32_t receive_file(Receive& rx, Item& item) {
     CHostFile file;
     uint32_t openResult = 0;
     bool opened = false;
-    if (item.parent == -1) {
+    if (item.info.size > rx.budget) {
+        // More data than the host announced, and so more than the room checked for.
+        errno = EFBIG;
+        result_from_errno(&openResult);
+    } else if (item.parent == -1) {
         errno = item.parentError;
         result_from_errno(&openResult);
     } else {
@@ -376,12 +378,21 @@ uint32_t receive_file(Receive& rx, Item& item) {
             result = ask_skip(rx, notice::kItemNotCreated, item);
         }
     } else {
+        rx.budget -= item.info.size;
         struct stat st {};
         if (platform::sys_fstat(file.fd(), &st) == 0) note_identity(item, st);
         file.seek(0, SEEK_SET);
+        // Whatever ends the data, out of memory included, takes the partial file along.
+        struct Partial {
+            Item& item;
+            bool whole = false;
+            ~Partial() {
+                if (!whole) remove_partial(item);
+            }
+        } partial{item};
         result = receive_data(rx, item, file);
         file.close();
-        if (result != kTransferDone) remove_partial(item);
+        partial.whole = result == kTransferDone;
     }
 
     if (result != kTransferDone) {
@@ -454,12 +465,16 @@ bool apply_item_info(Receive& rx, Item& item) {
         kFSCatInfoCreateDate | kFSCatInfoContentMod | kFSCatInfoAccessDate | kFSCatInfoFinderInfo;
     if (item.info.modeValid != 0) which |= kFSCatInfoPermissions;
     FSCatalogInfo info{};
-    if (FSGetCatalogInfo(&ref, which | kFSCatInfoNodeID | (locked ? kFSCatInfoNodeFlags : 0), &info,
-                         nullptr, nullptr, nullptr) != noErr) {
+    if (FSGetCatalogInfo(&ref,
+                         which | kFSCatInfoNodeID | kFSCatInfoVolume |
+                             (locked ? kFSCatInfoNodeFlags : 0),
+                         &info, nullptr, nullptr, nullptr) != noErr) {
         return false;
     }
-    // The reference must be to the item created, as its name showed a moment ago.
-    if (info.nodeID != static_cast<UInt32>(item.ino)) return false;
+    // The reference must be to the item created, as its name showed a moment ago. The
+    // catalog tells the node in 32 bits only; with the volume, an item swapped in between
+    // would have to share those 32 bits with ours on the same volume.
+    if (info.nodeID != static_cast<UInt32>(item.ino) || info.volume != rx.volume) return false;
 
     info.createDate = catalog_date(item.info.creationTime);
     info.contentModDate = catalog_date(item.info.modificationTime);
@@ -469,14 +484,9 @@ bool apply_item_info(Receive& rx, Item& item) {
     if (item.info.modeValid != 0) {
         info.permissions.mode = item.info.mode & ~static_cast<uint16_t>(S_ISUID | S_ISGID);
     }
+    // The catalog sets the access and modification times too, on the item the reference
+    // holds; setting them again by name would reach whatever the name holds by then.
     if (FSSetCatalogInfo(&ref, which, &info) != noErr) return false;
-
-    struct timespec times[2] = {
-        {static_cast<time_t>(ticks_to_unix_seconds(item.info.accessTime)), 0},
-        {static_cast<time_t>(ticks_to_unix_seconds(item.info.modificationTime)), 0},
-    };
-    if (platform::sys_utimensat(item.parent, item.name.leaf(), times, AT_SYMLINK_NOFOLLOW) != 0)
-        return false;
     if (!locked) return true;
     info.nodeFlags |= kFSNodeLockedMask;
     return FSSetCatalogInfo(&ref, kFSCatInfoNodeFlags, &info) == noErr;
@@ -488,18 +498,16 @@ uint32_t receive_level(Receive& rx, uint32_t level) {
         const int next = next_item(rx, item);
         if (next == 1) return kTransferDone;
         if (next == 2) return kTransferFailed;
-        // No name that fits its field can lie this deep: the host is not describing a tree.
-        if (level > kMaxLevels) {
-            notify_failed(rx);
-            return kTransferFailed;
-        }
         notify(rx, notice::kItemBegins, &item);
         if (!query_link_target(rx, item)) return kTransferFailed;
-        if (!open_parent(rx, item)) return kTransferFailed;
+        const bool folder = item.link == Link::None && (item.info.attributes & kAttrDirectory);
+        item.refusal = item.name.refusal;
+        if (item.link == Link::Unusable) item.refusal = EINVAL;
+        if (folder && level >= kMaxLevels) item.refusal = ENAMETOOLONG;
+        reach_parent(rx, item);
 
-        const bool folder = item.linkTarget.empty() && (item.info.attributes & kAttrDirectory);
         uint32_t result = 0;
-        if (!item.linkTarget.empty()) {
+        if (item.link != Link::None) {
             result = receive_symlink(rx, item);
         } else if (folder) {
             result = receive_directory(rx, item);
@@ -521,16 +529,18 @@ uint32_t receive_level(Receive& rx, uint32_t level) {
 }  // namespace
 
 bool parse_item_name(std::u16string_view units, ItemName& out) {
+    out = ItemName();
     if (units.empty() || units.size() > kMaxTextUnits) return false;
     uint8_t bytes[kNameBytes];
     for (size_t i = 0; i < units.size(); ++i) {
         // The conversion would stop at a NUL and hand back only the name before it.
-        if (units[i] == 0) return false;
+        if (units[i] == 0) out.refusal = EINVAL;
         le::put16(bytes + 2 * i, units[i]);
     }
     std::string name;
     Utf16ToNormalizedUtf8(bytes, units.size() * 2, name);
-    if (name.empty() || name.find('\0') != std::string::npos) return false;
+    if (name.empty()) return false;
+    if (name.find('\0') != std::string::npos) out.refusal = EINVAL;
     for (char& c : name) {
         if (c == '\\') c = '/';
     }
@@ -540,9 +550,10 @@ bool parse_item_name(std::u16string_view units, ItemName& out) {
         const size_t slash = name.find('/', at);
         const std::string_view component =
             std::string_view(name).substr(at, slash == std::string::npos ? slash : slash - at);
-        if (component.empty() || component.size() > kMaxComponentBytes || component == "." ||
-            component == "..") {
-            return false;
+        if (component.empty() || component == "." || component == "..") {
+            out.refusal = EINVAL;
+        } else if (component.size() > kMaxComponentBytes && out.refusal == 0) {
+            out.refusal = ENAMETOOLONG;
         }
         if (slash == std::string::npos) break;
         at = slash + 1;
@@ -552,37 +563,38 @@ bool parse_item_name(std::u16string_view units, ItemName& out) {
     return true;
 }
 
-uint32_t receive_tree(const DnDContext& ctx, const std::string& destination) {
-    // Held for the whole receive: whatever later happens to the path, every item lands in
-    // the folder that was checked for space.
-    UniqueFd root(platform::sys_open(destination.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+uint32_t receive_tree(const DnDContext& ctx, const std::string& destination, int root,
+                      uint64_t announced) {
     std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[kTransferBufferSize]());
-    Receive rx{ctx, destination, root.get(), buffer.get(), {}, {}, {}, false};
+    Receive rx{ctx, destination, root, buffer.get(), announced, {}, {}, {}, false, 0};
     // The catalog's reference to the same folder: "/." lets a link in the destination's own
     // path be followed, as opening it did, and the node number shows it is the same one.
     struct stat rootStat {};
     FSCatalogInfo rootInfo{};
-    const bool ready = root && buffer && platform::sys_fstat(root.get(), &rootStat) == 0 &&
+    const bool ready = root != -1 && buffer && platform::sys_fstat(root, &rootStat) == 0 &&
                        FSPathMakeRefWithOptions(
                            reinterpret_cast<const UInt8*>((destination + "/.").c_str()),
                            kFSPathMakeRefDoNotFollowLeafSymlink, &rx.destRef, nullptr) == noErr &&
-                       FSGetCatalogInfo(&rx.destRef, kFSCatInfoNodeID, &rootInfo, nullptr, nullptr,
-                                        nullptr) == noErr &&
+                       FSGetCatalogInfo(&rx.destRef, kFSCatInfoNodeID | kFSCatInfoVolume,
+                                        &rootInfo, nullptr, nullptr, nullptr) == noErr &&
                        rootInfo.nodeID == static_cast<UInt32>(rootStat.st_ino);
     if (!ready) {
         SendDialog(ctx, notice::kFailed.dialogId, notice::kFailed.code, u"");
         return kTransferFailed;
     }
+    rx.volume = rootInfo.volume;
     return receive_level(rx, 1);
 }
 
-bool get_free_space(const std::string& folder, uint64_t* freeBytes) {
-    const int fd = platform::sys_open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return false;
+uint32_t receive_tree(const DnDContext& ctx, const std::string& destination) {
+    const UniqueFd root(platform::sys_open(destination.c_str(),
+                                           O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    return receive_tree(ctx, destination, root.get(), UINT64_MAX);
+}
+
+bool get_free_space_at(int folderFd, uint64_t* freeBytes) {
     struct statvfs vfs {};
-    const int rc = platform::sys_fstatvfs(fd, &vfs);
-    platform::sys_close(fd);
-    if (rc != 0) return false;
+    if (folderFd == -1 || platform::sys_fstatvfs(folderFd, &vfs) != 0) return false;
     // Every free block, those kept for the superuser included. A product that does not fit
     // 64 bits is more than any transfer can announce.
     uint64_t bytes = 0;
@@ -594,10 +606,14 @@ bool get_free_space(const std::string& folder, uint64_t* freeBytes) {
     return true;
 }
 
-bool check_free_space(const DnDContext& ctx, const std::string& destination, uint64_t needed,
-                      uint8_t report) {
+bool get_free_space(const std::string& folder, uint64_t* freeBytes) {
+    const UniqueFd fd(platform::sys_open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return get_free_space_at(fd.get(), freeBytes);
+}
+
+bool check_free_space_at(const DnDContext& ctx, int folderFd, uint64_t needed, uint8_t report) {
     uint64_t freeBytes = 0;
-    if (!get_free_space(destination, &freeBytes)) {
+    if (!get_free_space_at(folderFd, &freeBytes)) {
         if (report == 1) {
             SendDialog(ctx, notice::kSpaceUnknown.dialogId, notice::kSpaceUnknown.code, u"");
         }
@@ -606,6 +622,12 @@ bool check_free_space(const DnDContext& ctx, const std::string& destination, uin
     if (freeBytes > needed) return true;
     if (report == 1) SendDialog(ctx, notice::kNoSpace.dialogId, notice::kNoSpace.code, u"");
     return false;
+}
+
+bool check_free_space(const DnDContext& ctx, const std::string& destination, uint64_t needed,
+                      uint8_t report) {
+    const UniqueFd fd(platform::sys_open(destination.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return check_free_space_at(ctx, fd.get(), needed, report);
 }
 
 }  // namespace qvx

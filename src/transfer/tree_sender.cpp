@@ -103,6 +103,12 @@ bool checked_add(uint64_t& total, uint64_t n) {
     return !__builtin_add_overflow(total, n, &total);
 }
 
+// Folders, links and regular files are sent. Anything else (a device, a pipe, a socket)
+// has no contents to copy: its size says nothing and reading it may never end.
+bool is_sent(mode_t mode) {
+    return S_ISDIR(mode) || S_ISLNK(mode) || S_ISREG(mode);
+}
+
 // One folder of the counting walk.
 struct CountLevel {
     int fd = -1;  // -1 while the walk is deeper and this folder is not held
@@ -141,6 +147,7 @@ class CountWalk {
 
   private:
     static bool add(const struct stat& st, uint32_t& items, uint64_t& bytes) {
+        if (!is_sent(st.st_mode)) return true;
         if (items == UINT32_MAX) return false;
         ++items;
         if (S_ISDIR(st.st_mode)) return checked_add(bytes, kFolderBytes);
@@ -322,6 +329,11 @@ SendWalk::Step SendWalk::send_one(int dirFd, const char* atName, FSRef& ref) {
     m_item.path = m_path;
     m_item.name = m_name;
     if (!read_item_info(m_item, ref)) return fail(notice::kFailed);
+    // Not counted, not announced: the host only hears that it could not be read.
+    if (!is_sent(m_item.mode)) {
+        notice(notice::kCannotOpen);
+        return Step::Done;
+    }
     // The catalog's mode is the item's own: a final link is not followed.
     const bool maybeLink = S_ISLNK(m_item.mode);
     const std::string target = maybeLink ? read_link_target(dirFd, atName) : std::string();
@@ -386,14 +398,19 @@ SendWalk::Step SendWalk::send_file(int dirFd, const char* atName) {
     }
 
     CHostFile file;
-    if (!file.open_at(dirFd, atName, true, true, false)) {
+    struct stat st {};
+    // What was a regular file when its information was read may be something else now.
+    if (!file.open_at(dirFd, atName, true, true, false) ||
+        platform::sys_fstat(file.fd(), &st) != 0 || !S_ISREG(st.st_mode)) {
         notice(notice::kCannotOpen);
+        file.close();
         end_data();
         remove_item();
         return Step::Failed;
     }
     file.seek(0, SEEK_SET);
-    const uint64_t total = get_open_file_size(file.fd());
+    // The size at opening: a file that grows meanwhile is sent up to it.
+    const auto total = static_cast<uint64_t>(st.st_size);
     uint64_t sent = 0;
     for (;;) {
         const auto n = static_cast<uint32_t>(std::min<uint64_t>(total - sent, kMaxChunk));
@@ -560,7 +577,7 @@ uint32_t send_item(const DnDContext& ctx, const std::string& path, size_t nameOf
 uint32_t send_top_item(const DnDContext& ctx, const std::string& path) {
     std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[kTransferBufferSize]());
     const size_t slash = path.rfind('/');
-    if (!buffer || slash == std::string::npos) {
+    if (!buffer || !is_plain_path(path)) {
         SendDialog(ctx, notice::kFailed.dialogId, notice::kFailed.code, {});
         return kTransferFailed;
     }
@@ -579,7 +596,8 @@ uint32_t send_tree(const DnDContext& ctx, const std::vector<std::string>& paths)
     uint64_t bytes = 0;
     for (size_t i = 0; i < paths.size(); ++i) {
         Tally& t = tallies[i];
-        if (!count_tree(paths[i], t.items, t.bytes) ||
+        // A path through "." or ".." would name its item by a name that is not its own.
+        if (!is_plain_path(paths[i]) || !count_tree(paths[i], t.items, t.bytes) ||
             __builtin_add_overflow(items, t.items, &items) || !checked_add(bytes, t.bytes)) {
             SendDialog(ctx, notice::kFailed.dialogId, notice::kFailed.code, {});
             return kTransferFailed;

@@ -196,6 +196,9 @@ void HandleGuestToHostDrag(DnDContext context) {
         post_hide();
         return;
     }
+    // What the drag carries is fixed here, before the host is told: a move deletes these
+    // items, not whatever the names lead to once the host has answered.
+    const std::vector<FileIdentity> dragged = identify_items(paths);
 
     uint64_t newWorker = 0;
     uint32_t action = 0;
@@ -217,7 +220,7 @@ void HandleGuestToHostDrag(DnDContext context) {
     const uint32_t py = screens.empty() ? 0 : wire((main_screen_height() - p.y) * s);
     sendMoveMouse(context, wire(p.x * s), py, kButtonHeld);
     SendChecked(context, dnd::kCmd273);
-    if (g_dragPool) g_dragPool->StartSend(newWorker, action, paths);
+    if (g_dragPool) g_dragPool->StartSend(newWorker, action, paths, dragged);
 
     const time_t t1 = platform::clock_time();
     while (platform::clock_time() - t1 <= kGuestWaitSeconds && !dragEnded.load())

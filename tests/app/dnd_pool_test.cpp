@@ -62,7 +62,7 @@ TEST(DnDPool, StopJoinsListedJobsWhileOthersRemoveThemselves) {
     // ones are held in their 260 so that Stop has to join them.
     // Action 7 has nothing to do: each job sends only its closing 260.
     for (uint64_t worker = 1; worker <= 50; ++worker) {
-        ASSERT_TRUE(pool.StartSend(worker, 7, {"/a", "/b"}));
+        ASSERT_TRUE(pool.StartSend(worker, 7, {"/a", "/b"}, {}));
     }
     // Odd jobs may still be between their 260 and their removal when Stop copies the list.
     ASSERT_TRUE(host.wait_for_sends(50));
@@ -92,8 +92,8 @@ TEST(DnDPool, JobThatEndedIsNotJoinedAndEmptyStopReturns) {
     DnDPool pool(nullptr, host.send());
     ASSERT_TRUE(pool.Init());
     pool.Stop();  // nothing listed
-    ASSERT_TRUE(pool.StartSend(1, 7, {}));
-    ASSERT_TRUE(pool.StartSend(3, 7, {}));
+    ASSERT_TRUE(pool.StartSend(1, 7, {}, {}));
+    ASSERT_TRUE(pool.StartSend(3, 7, {}, {}));
     ASSERT_TRUE(qvxtest::eventually([&] { return pool.ListedCount() == 0; }, 5s));
     // Both detached themselves; joining them here would be undefined behaviour.
     pool.Stop();
@@ -108,7 +108,7 @@ TEST(DnDPool, FailedThreadCreationIsReportedAndDiscarded) {
     ASSERT_TRUE(pool.Init());
     pool.SetCreateThread(
         [](pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) { return EAGAIN; });
-    EXPECT_FALSE(pool.StartSend(1, 0, {"/x"}));
+    EXPECT_FALSE(pool.StartSend(1, 0, {"/x"}, {}));
     EXPECT_FALSE(pool.StartReceive(2, "/tmp"));
     EXPECT_EQ(pool.ListedCount(), 0u);
     EXPECT_EQ(log.count("Can't create DnD job thread"), 2u);

@@ -70,7 +70,7 @@ TEST_F(StopSignalsTest, ProcessWideSigtermLeavesAJobsLongExchangeAlone) {
     // that takes stop signals itself (the main thread starts receive jobs).
     const auto previous = std::signal(SIGTERM, count_term);
     // An action with nothing to do: the job's one exchange is its closing 260.
-    ASSERT_TRUE(pool.StartSend(7, /*action=*/9, {}));
+    ASSERT_TRUE(pool.StartSend(7, /*action=*/9, {}, {}));
     ASSERT_TRUE(host.trace().wait_for_line("guest->host 260 end worker=7", 2s));
 
     std::chrono::steady_clock::time_point stopped;

@@ -32,15 +32,18 @@ using namespace qvxtest;
 using hostsim::SourceItem;
 
 // What an attack must end with, beyond the outside being untouched: the codes of the
-// (4, code) notices the guest sent, and an item the attack is allowed to leave, with its
+// (4, code) notices the guest sent, those of its (3, code) notices (an item it would not
+// create, which the host skips), and an item the attack is allowed to leave, with its
 // content ("" for a folder, "->" and a target for a link).
 struct Outcome {
     std::vector<uint32_t> failures;
+    std::vector<uint32_t> refusals;
     std::string leaves;
     std::string content;
 };
 
 const std::vector<uint32_t> kMalformed{12};
+const std::vector<uint32_t> kNotCreated{3};
 
 // The 1023-unit name, four folders of 254 letters deep.
 const std::string kDeepName = std::string(254, 'a') + "/" + std::string(254, 'b') + "/" +
@@ -48,42 +51,42 @@ const std::string kDeepName = std::string(254, 'a') + "/" + std::string(254, 'b'
 
 const std::map<std::string, Outcome>& outcomes() {
     static const std::map<std::string, Outcome> table = {
-        {"dotdot-first", {kMalformed, "", ""}},
-        {"dotdot-climb", {kMalformed, "a", ""}},
-        {"dotdot-last", {kMalformed, "a", ""}},
-        {"dotdot-unrooted", {kMalformed, "", ""}},
-        {"dotdot-slashes", {kMalformed, "a", ""}},
-        {"dot-first", {kMalformed, "", ""}},
-        {"dot-last", {kMalformed, "a", ""}},
-        {"empty-component", {kMalformed, "a", ""}},
-        {"empty-leaf", {kMalformed, "a", ""}},
-        {"separator-only", {kMalformed, "", ""}},
-        {"no-leading-separator", {{}, "x", "unrooted"}},
-        {"nul-in-name", {kMalformed, "", ""}},
-        {"name-length-1023", {{}, kDeepName, "long"}},
-        {"name-length-1024", {kMalformed, "", ""}},
-        {"name-length-max", {kMalformed, "", ""}},
-        {"name-length-past-units", {kMalformed, "", ""}},
-        {"name-length-zero", {kMalformed, "", ""}},
-        {"replace-link-with-folder", {{}, "L/x", "in the new folder"}},
-        {"replace-link-with-file", {{}, "L", "overwritten?"}},
-        {"swap-folder-before-times", {{}, "d-moved/x", "x"}},
-        {"file-then-folder", {{6}, "n", "x"}},
-        {"folder-then-file", {{6}, "n/x", "x"}},
-        {"link-length-odd", {kMalformed, "", ""}},
-        {"link-length-past-received", {kMalformed, "f", std::string(512, 'A')}},
-        {"link-target-nul", {kMalformed, "", ""}},
-        {"link-13-forever", {kMalformed, "", ""}},
-        {"data-more-than-asked", {kMalformed, "", ""}},
-        {"file-size-max", {{}, "after", "after"}},
-        {"totals-max", {{8}, "", ""}},
-        {"levels-beyond-names", {kMalformed, "l1", ""}},
-        {"link-root-through", {kMalformed, "L", "->/"}},
-        {"link-root-through-folder", {kMalformed, "L", "->/"}},
-        {"link-up-through", {kMalformed, "L", "->../.."}},
-        {"link-up-through-folder", {kMalformed, "L", "->../.."}},
-        {"link-outside-through", {kMalformed, "L", "->outside"}},
-        {"link-outside-through-folder", {kMalformed, "L", "->outside"}},
+        {"dotdot-first", {{}, kNotCreated, "", ""}},
+        {"dotdot-climb", {{}, kNotCreated, "a", ""}},
+        {"dotdot-last", {{}, kNotCreated, "a", ""}},
+        {"dotdot-unrooted", {{}, kNotCreated, "", ""}},
+        {"dotdot-slashes", {{}, kNotCreated, "a", ""}},
+        {"dot-first", {{}, kNotCreated, "", ""}},
+        {"dot-last", {{}, kNotCreated, "a", ""}},
+        {"empty-component", {{}, kNotCreated, "a", ""}},
+        {"empty-leaf", {{}, kNotCreated, "a", ""}},
+        {"separator-only", {{}, kNotCreated, "", ""}},
+        {"no-leading-separator", {{}, {}, "x", "unrooted"}},
+        {"nul-in-name", {{}, kNotCreated, "", ""}},
+        {"name-length-1023", {{}, {}, kDeepName, "long"}},
+        {"name-length-1024", {kMalformed, {}, "", ""}},
+        {"name-length-max", {kMalformed, {}, "", ""}},
+        {"name-length-past-units", {{}, kNotCreated, "", ""}},
+        {"name-length-zero", {kMalformed, {}, "", ""}},
+        {"replace-link-with-folder", {{}, {}, "L/x", "in the new folder"}},
+        {"replace-link-with-file", {{}, {}, "L", "overwritten?"}},
+        {"swap-folder-before-times", {{}, {}, "d-moved/x", "x"}},
+        {"file-then-folder", {{6}, {}, "n", "x"}},
+        {"folder-then-file", {{6}, {}, "n/x", "x"}},
+        {"link-length-odd", {{}, kNotCreated, "", ""}},
+        {"link-length-past-received", {{}, kNotCreated, "f", std::string(512, 'A')}},
+        {"link-target-nul", {{}, kNotCreated, "", ""}},
+        {"link-13-forever", {{}, kNotCreated, "", ""}},
+        {"data-more-than-asked", {{}, {4}, "", ""}},
+        {"file-size-max", {{}, kNotCreated, "after", "after"}},
+        {"totals-max", {{8}, {}, "", ""}},
+        {"levels-beyond-names", {{}, {2}, "l1", ""}},
+        {"link-root-through", {{}, kNotCreated, "L", "->/"}},
+        {"link-root-through-folder", {{}, kNotCreated, "L", "->/"}},
+        {"link-up-through", {{}, kNotCreated, "L", "->../.."}},
+        {"link-up-through-folder", {{}, kNotCreated, "L", "->../.."}},
+        {"link-outside-through", {{}, kNotCreated, "L", "->outside"}},
+        {"link-outside-through-folder", {{}, kNotCreated, "L", "->outside"}},
     };
     return table;
 }
@@ -168,10 +171,14 @@ TEST_P(HostileHost, EveryAttackLeavesTheOutsideAloneAndEndsWithOne260) {
         EXPECT_EQ(source->ends(), 1u);
 
         EXPECT_EQ(tree_changes(before, snapshot_tree(dir.path(), {"dest"})), "");
-        std::vector<uint32_t> failures;
-        for (const auto& n : source->notices())
+        std::vector<uint32_t> failures, refusals;
+        for (const auto& n : source->notices()) {
             if (n.dialogId == 4) failures.push_back(n.code);
+            if (n.dialogId == 3) refusals.push_back(n.code);
+        }
         EXPECT_EQ(failures, expected.failures);
+        EXPECT_EQ(refusals, expected.refusals);
+
         if (!expected.leaves.empty()) {
             std::string content = expected.content;
             if (content == "->outside") content = "->" + setting.outside;

@@ -7,13 +7,35 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "support/fault_scope.h"
 #include "support/scripted_host.h"
+#include "support/source_host.h"
 #include "support/temp_dir.h"
 #include "transfer/tree_receiver.h"
+
+// Allocations on this thread still to succeed before one throws; -1: none throws. The
+// replacements below pair malloc with free, which the compiler cannot see through.
+thread_local long g_allocationsLeft = -1;
+#ifndef __clang__
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
+
+void* operator new(size_t size) {
+    if (g_allocationsLeft >= 0 && g_allocationsLeft-- == 0) throw std::bad_alloc();
+    if (void* block = std::malloc(size == 0 ? 1 : size)) return block;
+    throw std::bad_alloc();
+}
+void operator delete(void* block) noexcept {
+    std::free(block);
+}
+void operator delete(void* block, size_t) noexcept {
+    std::free(block);
+}
 
 namespace {
 
@@ -23,10 +45,12 @@ using qvxtest::TempDir;
 
 using qvxtest::exists;
 
+// A delete of the items the paths name now, as a drag read now would have them.
 TransferJob delete_job(std::vector<std::string> paths) {
     TransferJob job;
     job.direction = kDirectionSend;
     job.action = kActionDelete;
+    job.identities = identify_items(paths);
     job.paths = std::move(paths);
     return job;
 }
@@ -63,6 +87,86 @@ TEST(TransferJob, DeleteRemovesFoldersFilesAndLinksAsLinks) {
     EXPECT_TRUE(exists(dir / "outside/keep.txt"));
     ASSERT_EQ(host.commands(), std::vector<uint32_t>{260});
     EXPECT_EQ(le::get64(host.sent[0].bytes.data(), 12), ScriptedHost::kWorker);
+}
+
+// Between the drag and the delete, a folder on the way to a dragged item is swapped for a
+// link to another one, and another dragged item is replaced: nothing but what was dragged
+// is removed, and the paths that no longer lead to it fail the job.
+TEST(TransferJob, DeleteRemovesOnlyTheItemsDragged) {
+    TempDir dir;
+    for (const char* f : {"shared/sub/x", "shared/sub/y", "outside/sub/x", "outside/sub/y",
+                          "other/swapped/f", "keep/sub/f", "keep/other"})
+        qvxtest::write_file(dir / f, "data");
+    TransferJob job = delete_job({dir / "shared/sub/x", dir / "shared/sub", dir / "other/swapped",
+                                  dir / "keep/sub/.."});
+    ASSERT_EQ(::rename((dir / "shared").c_str(), (dir / "shared-away").c_str()), 0);
+    ASSERT_EQ(::symlink((dir / "outside").c_str(), (dir / "shared").c_str()), 0);
+    ASSERT_EQ(::rename((dir / "other/swapped").c_str(), (dir / "swapped-away").c_str()), 0);
+    qvxtest::write_file(dir / "other/swapped/new", "new");
+
+    ScriptedHost host;
+    RunTransferJob(job, host.context());
+    for (const char* f : {"outside/sub/x", "outside/sub/y", "shared-away/sub/x", "swapped-away/f",
+                          "other/swapped/new", "keep/sub/f", "keep/other"})
+        EXPECT_TRUE(exists(dir / f)) << f;
+    ASSERT_EQ(host.commands(), (std::vector<uint32_t>{263, 260}));
+    expect_notice(host.sent[0], 4, 12);
+
+    // Without the swaps the same paths go, all but the one through "..".
+    ASSERT_EQ(::unlink((dir / "shared").c_str()), 0);
+    ASSERT_EQ(::rename((dir / "shared-away").c_str(), (dir / "shared").c_str()), 0);
+    std::filesystem::remove_all(dir / "other/swapped");
+    ASSERT_EQ(::rename((dir / "swapped-away").c_str(), (dir / "other/swapped").c_str()), 0);
+    RunTransferJob(job, host.context());
+    EXPECT_FALSE(exists(dir / "shared/sub"));
+    EXPECT_FALSE(exists(dir / "other/swapped"));
+    EXPECT_TRUE(exists(dir / "keep/sub/f"));
+    EXPECT_TRUE(exists(dir / "keep/other"));
+}
+
+// The n-th allocation of a job fails, for every n until a job runs without a failure:
+// each run still ends with its one 260 and leaves no partial file. The host's own
+// allocations (recording what it was sent) do not count.
+TEST(TransferJob, OutOfMemoryAnywhereStillEndsTheJobWithOne260) {
+    TempDir dir;
+    qvxtest::write_file(dir / "send/f", std::string(200000, 's'));
+    qvxtest::make_dirs(dir / "send/d");
+    const std::vector<hostsim::SourceItem> tree{
+        qvxtest::folder(u"\\d"), qvxtest::file(u"\\d\\f", std::string(200000, 'r'), 2),
+        qvxtest::end_of(2), qvxtest::link(u"\\l", u"d"), qvxtest::end_of(1)};
+    for (const bool receive : {true, false}) {
+        long failed = 0;
+        for (long n = 0;; ++n) {
+            std::filesystem::remove_all(dir / "dest");
+            qvxtest::make_dirs(dir / "dest");
+            qvxtest::SourceHost host(tree);
+            const DnDContext inner = host.context();
+            const DnDContext ctx{inner.workerId, nullptr,
+                                 [&inner](CommonMacCommunicator* c, const void* out, uint32_t size,
+                                          void* reply, uint32_t replySize) {
+                                     const long left = std::exchange(g_allocationsLeft, -1);
+                                     const bool ok = inner.send(c, out, size, reply, replySize);
+                                     g_allocationsLeft = left;
+                                     return ok;
+                                 }};
+            TransferJob job;
+            job.direction = receive ? kDirectionReceive : kDirectionSend;
+            job.destination = dir / "dest";
+            job.paths = {dir / "send"};
+            g_allocationsLeft = n;
+            RunTransferJob(job, ctx);
+            const bool fired = g_allocationsLeft == -1;
+            g_allocationsLeft = -1;
+            EXPECT_EQ(host.of(260).size(), 1u) << n;
+            EXPECT_EQ(host.commands().back(), 260u) << n;
+            if (receive && exists(dir / "dest/d/f")) {
+                EXPECT_EQ(qvxtest::read_file(dir / "dest/d/f").size(), 200000u) << n;
+            }
+            if (!fired || HasFailure()) break;
+            ++failed;
+        }
+        EXPECT_GT(failed, 5) << receive;
+    }
 }
 
 TEST(TransferJob, EmptyDeleteAndOtherActionsOnlyClose) {

@@ -6,6 +6,7 @@
 #include <CoreServices/CoreServices.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -82,8 +83,9 @@ TEST_P(Receiver, FilesAndFoldersArriveWithEveryMessageInOrder) {
     // Whole chunks, each received into a buffer of exactly its size, each followed by progress.
     EXPECT_EQ(u32s_at(host.of(268), 2128), (std::vector<uint32_t>{5, 131072, 131072, 37856}));
     EXPECT_EQ(host.of(268).back()->replySize, dnd::kMessageSize + 37856);
-    EXPECT_EQ(host.source->notices()[2].dialogId, 5u);
-    EXPECT_EQ(host.source->notices()[2].text, u"\\dir\\a.txt");
+    const hostsim::ReceivedNotice progress = host.source->notices()[2];
+    EXPECT_EQ(std::tuple(progress.dialogId, progress.code, progress.text),
+              std::tuple(5u, 0u, std::u16string(u"\\dir\\a.txt")));
     EXPECT_EQ(u32s_at(host.of(266), 28), (std::vector<uint32_t>{0, 0, 0}));
     struct stat st {};
     ASSERT_EQ(::lstat(at("empty").c_str(), &st), 0);
@@ -110,7 +112,7 @@ TEST_P(Receiver, LinkTargetBufferDoublesAndStopsAtItsLimit) {
     sizes.clear();
     for (const Request* r : greedy.of(769)) sizes.push_back(r->replySize);
     EXPECT_EQ(sizes, (std::vector<size_t>{2452, 4904, 9808, 19616, 39232, 67732}));
-    EXPECT_EQ(greedy.questions(), kFailedOnly);
+    EXPECT_EQ(greedy.questions(), (Notices{{3u, 3u, u"\\M"}}));
     EXPECT_FALSE(exists(at("M")));
 }
 
@@ -130,6 +132,13 @@ TEST_P(Receiver, ExistingItemsAreKeptReplacedOrBlockTheReceive) {
     EXPECT_EQ(keep.of(266).size(), 1u);
     EXPECT_EQ(keep.of(274).size(), 1u);
     EXPECT_EQ(keep.questions(), (Notices{{2u, 0u, u"\\f"}, {2u, 0u, u"\\d"}}));
+
+    // Any answer but replace or skip stops the receive, and nothing is removed.
+    SourceHost refused(listing, SourcePolicy{5, 0});
+    EXPECT_EQ(receive(refused), kTransferFailed);
+    EXPECT_EQ(read_file(at("f")), "old");
+    EXPECT_EQ(refused.questions(), (Notices{{2u, 0u, u"\\f"}}));
+    EXPECT_TRUE(refused.of(266).empty());
 
     SourceHost replace(listing, kReplaceOrSkip);
     EXPECT_EQ(receive(replace), kTransferDone);
@@ -151,12 +160,22 @@ TEST_P(Receiver, ExistingItemsAreKeptReplacedOrBlockTheReceive) {
 TEST_P(Receiver, FolderMarkedNotToBeCreatedIsNeverCreated) {
     SourceItem marked = folder(u"\\m");
     marked.attributes |= 0x20000;
-    for (const SourcePolicy& policy : {kReplaceOrSkip, SourcePolicy{}}) {
-        SourceHost host({marked, file(u"\\m\\x", "x", 2), end_of(2), end_of(1)}, policy);
-        EXPECT_EQ(receive(host), policy.onFailure == 102 ? kTransferDone : kTransferFailed);
-        EXPECT_EQ(host.questions(), (Notices{{3u, 3u, u"\\m"}}));
-        EXPECT_EQ(host.of(274).size(), policy.onFailure == 102 ? 1u : 0u);
-        EXPECT_FALSE(exists(at("m")));
+    // The host's answer to the 274 that skips it: 0 goes on, a stop ends the receive
+    // without a notice of ours.
+    for (const uint32_t skipAnswer : {0u, 9u, 100u}) {
+        for (const SourcePolicy& policy : {kReplaceOrSkip, SourcePolicy{}}) {
+            SourceHost host({marked, file(u"\\m\\x", "x", 2), end_of(2), end_of(1)}, policy);
+            if (skipAnswer != 0) {
+                host.source->set_override([skipAnswer](hostsim::Exchange& ex, const SourceItem*) {
+                    return ex.command == 274 ? std::optional<uint32_t>(skipAnswer) : std::nullopt;
+                });
+            }
+            const bool skipped = policy.onFailure == 102;
+            EXPECT_EQ(receive(host), skipped && skipAnswer == 0 ? kTransferDone : kTransferFailed);
+            EXPECT_EQ(host.questions(), (Notices{{3u, 3u, u"\\m"}})) << skipAnswer;
+            EXPECT_EQ(host.of(274).size(), skipped ? 1u : 0u);
+            EXPECT_FALSE(exists(at("m")));
+        }
     }
 }
 
@@ -214,6 +233,54 @@ TEST_P(Receiver, ItemsGetTimesModeAndLockTheLockLastAndNeverThroughALink) {
     EXPECT_EQ(created, ticks_to_catalog_seconds(locked.creationTime));
 }
 
+// A local process swaps a received file for a hard link to a file outside, once when its
+// data is in and once right after the catalog has set its times and mode. Neither swap
+// lets the rest of the item's information reach the outside file.
+TEST_P(Receiver, ItemSwappedForAHardLinkBeforeOrAmidItsInformationLeavesTheOutsideAlone) {
+    static std::string g_item, g_outside;
+    g_item = at("f");
+    g_outside = m_dir / "outside/keep";
+    ASSERT_EQ(::chmod(g_outside.c_str(), 0640), 0);
+    struct stat before {};
+    ASSERT_EQ(::stat(g_outside.c_str(), &before), 0);
+    static const auto swap = [] {
+        if (g_item.empty()) return;
+        EXPECT_EQ(::rename(g_item.c_str(), (g_item + "-moved").c_str()), 0);
+        EXPECT_EQ(::link(g_outside.c_str(), g_item.c_str()), 0);
+        g_item.clear();
+    };
+    SourceItem item = file(u"\\f", "new");
+    item.mode = 0100604;
+    item.modificationTime = item.accessTime = ticks(1'500'000'000);
+    for (const bool amid : {false, true}) {
+        g_item = at("f");
+        SourceHost host({item, end_of(1)});
+        if (amid) {
+            // The mode is the catalog's last change to the item.
+            m_faults.table().fchmodat = [](int d, const char* n, mode_t m, int f) {
+                const int rc = platform::real_syscalls()->fchmodat(d, n, m, f);
+                swap();
+                return rc;
+            };
+            m_faults.install();
+        } else {
+            host.source->set_override([](hostsim::Exchange& ex, const SourceItem*) {
+                if (ex.command == 267) swap();
+                return std::optional<uint32_t>();
+            });
+        }
+        EXPECT_EQ(receive(host), kTransferDone);
+        EXPECT_TRUE(g_item.empty()) << "the swap was made";
+        struct stat after {};
+        ASSERT_EQ(::stat(g_outside.c_str(), &after), 0);
+        EXPECT_EQ(after.st_mode & 07777, 0640u) << amid;
+        EXPECT_EQ(after.st_mtim.tv_sec, before.st_mtim.tv_sec) << amid;
+        EXPECT_EQ(read_file(g_outside), "keep");
+        ASSERT_EQ(::unlink(at("f").c_str()), 0);
+        ASSERT_EQ(::unlink(at("f-moved").c_str()), 0);
+    }
+}
+
 TEST_P(Receiver, FailedCreationsAndWritesAreReportedAndLeaveNoPartialFile) {
     const SourceItem big = file(u"\\big", std::string(300000, 'x'));
     SourceHost skipped({big, file(u"\\next", "n"), end_of(1)}, kReplaceOrSkip);
@@ -254,11 +321,13 @@ TEST_P(Receiver, FailedCreationsAndWritesAreReportedAndLeaveNoPartialFile) {
 // The hostile host's attacks aim names and links out, up and at the root, through both
 // ways of resolving names; a link to the destination itself is no less a link to pass.
 TEST_P(Receiver, NoLinkIsPassedEvenOneToTheDestination) {
+    make_dirs(at("d"));
     for (const char16_t* through : {u"\\L\\x", u"\\L\\d\\x"}) {
-        SourceHost host({link(u"\\L", u"."), file(through, "x"), end_of(1)});
-        EXPECT_EQ(receive(host), kTransferFailed) << std::u16string(through).size();
-        EXPECT_EQ(host.questions(), kFailedOnly);
-        EXPECT_TRUE(host.of(266).empty());
+        SourceHost host({link(u"\\L", u"."), file(through, "x"), end_of(1)}, kReplaceOrSkip);
+        EXPECT_EQ(receive(host), kTransferDone) << std::u16string(through).size();
+        EXPECT_EQ(host.questions(), (Notices{{3u, 3u, through}}));
+        EXPECT_FALSE(exists(at("x")));
+        EXPECT_FALSE(exists(at("d/x")));
         ASSERT_EQ(::remove(at("L").c_str()), 0);
     }
 }
@@ -271,9 +340,9 @@ INSTANTIATE_TEST_SUITE_P(Kernel, Receiver, ::testing::Values(false, true),
 TEST(ReceiverReplies, MalformedOnesEndTheReceiveWithOneNotice) {
     TempDir dir;
     const auto run = [&](SourceHost& host) { return receive_tree(host.context(), dir.path()); };
-    for (uint32_t length : {1024u, 0xFFFFFFFFu, 5u, 2u}) {
+    for (uint32_t length : {1024u, 0xFFFFFFFFu, 2u}) {
         SourceItem bad = file(u"\\abc", "x");
-        bad.nameLength = length;  // past the field, past the units, or short of the NUL
+        bad.nameLength = length;  // past the field, or short of the NUL
         SourceHost host({bad, end_of(1)});
         EXPECT_EQ(run(host), kTransferFailed) << length;
         EXPECT_EQ(host.commands(), (std::vector<uint32_t>{272, 263})) << length;
@@ -305,16 +374,47 @@ TEST(ReceiverReplies, MalformedOnesEndTheReceiveWithOneNotice) {
     }
 }
 
-TEST(ReceiverReplies, TreesDeeperThanAnyNameCanDescribeAreRefused) {
-    // Names are relative to the destination, so levels can nest while names do not.
+TEST(ReceiverReplies, FoldersDeeperThanAnyNameCanDescribeAreNotCreated) {
+    // Names are relative to the destination, so levels can nest while names do not. The
+    // folder at the last level is refused, and the host leaves out what it holds.
     TempDir dir;
     std::vector<SourceItem> listing;
     for (uint32_t depth = 1; depth <= kMaxLevels + 10; ++depth)
         listing.push_back(folder(u"\\" + Utf8ToUtf16(std::to_string(depth)), depth));
     SourceHost host(std::move(listing), kReplaceOrSkip);
-    EXPECT_EQ(receive_tree(host.context(), dir.path()), kTransferFailed);
-    EXPECT_EQ(host.of(272).size(), kMaxLevels + 1);
-    EXPECT_EQ(host.questions(), kFailedOnly);
+    EXPECT_EQ(receive_tree(host.context(), dir.path()), kTransferDone);
+    const std::u16string last = u"\\" + Utf8ToUtf16(std::to_string(kMaxLevels));
+    EXPECT_EQ(host.questions(), (Notices{{3u, 2u, last}}));
+    EXPECT_EQ(host.of(274).size(), 1u);
+    EXPECT_TRUE(exists(dir / std::to_string(kMaxLevels - 1)));
+    EXPECT_FALSE(exists(dir / std::to_string(kMaxLevels)));
+}
+
+// Every receive holds a few descriptors whatever the depth: a tree of 300 levels, with a
+// file and a link at each, arrives under a limit of 16 descriptors beyond those open.
+TEST(ReceiverReplies, DeepTreeUnderASmallDescriptorLimit) {
+    TempDir dir;
+    std::vector<SourceItem> listing;
+    std::u16string name;
+    constexpr uint32_t kDepth = 300;
+    for (uint32_t depth = 1; depth <= kDepth; ++depth) {
+        name += u"\\d";
+        listing.push_back(folder(name, depth));
+        listing.push_back(file(name + u"\\f", "f", depth + 1));
+        listing.push_back(link(name + u"\\l", u"f", depth + 1));
+    }
+    for (uint32_t depth = kDepth + 1; depth >= 1; --depth) listing.push_back(end_of(depth));
+    SourceHost host(std::move(listing));
+    rlimit old{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &old), 0);
+    rlimit low = old;
+    low.rlim_cur = static_cast<rlim_t>(open_fd_count() + 16);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+    const uint32_t result = receive_tree(host.context(), dir.path());
+    ::setrlimit(RLIMIT_NOFILE, &old);
+    EXPECT_EQ(result, kTransferDone);
+    EXPECT_EQ(host.questions(), Notices{});
+    EXPECT_EQ(host.source->items_served(), 3 * kDepth);
 }
 
 TEST(ItemNames, SplitIntoCheckedComponents) {
@@ -327,23 +427,29 @@ TEST(ItemNames, SplitIntoCheckedComponents) {
     ASSERT_TRUE(parse_item_name(u"/a/b\\c\u00e9", n));
     EXPECT_EQ(n.relative, "a/b/ce\xcc\x81") << "form D on arrival";
     EXPECT_TRUE(parse_item_name(u"\\..a\\b..\\...\\" + std::u16string(255, u'x'), n));
+    EXPECT_EQ(n.refusal, 0);
 
-    const std::u16string bad[] = {
-        u"",
-        u"\\",
-        u"\\\\a",
-        u"\\a\\",
-        u"\\.",
-        u"\\a\\.\\b",
-        u"..\\a",
-        u"\\a\\..",
-        std::u16string(u"\\a\0b", 4),
-        u"\\" + std::u16string(256, u'x'),
-        u"\\" + std::u16string(86, u'\u00e9'),  // 258 bytes once decomposed
-        std::u16string(1, u'\xd800'),
-        u"\\" + std::u16string(1023, u'x'),
+    // Names that read but name nothing we may create: the item is refused, not the receive.
+    const std::pair<std::u16string, int> refused[] = {
+        {u"\\", EINVAL},
+        {u"\\\\a", EINVAL},
+        {u"\\a\\", EINVAL},
+        {u"\\.", EINVAL},
+        {u"\\a\\.\\b", EINVAL},
+        {u"..\\a", EINVAL},
+        {u"\\a\\..", EINVAL},
+        {std::u16string(u"\\a\0b", 4), EINVAL},
+        {u"\\" + std::u16string(256, u'x'), ENAMETOOLONG},
+        {u"\\" + std::u16string(86, u'\u00e9'), ENAMETOOLONG},  // 258 bytes once decomposed
     };
-    for (const auto& name : bad) EXPECT_FALSE(parse_item_name(name, n)) << name.size();
+    for (const auto& [name, refusal] : refused) {
+        EXPECT_TRUE(parse_item_name(name, n)) << name.size();
+        EXPECT_EQ(n.refusal, refusal) << name.size();
+    }
+    // Names that cannot be read at all.
+    for (const auto& name : {std::u16string(), std::u16string(1, u'\xd800'),
+                             u"\\" + std::u16string(1023, u'x')})
+        EXPECT_FALSE(parse_item_name(name, n)) << name.size();
 }
 
 }  // namespace
