@@ -47,6 +47,12 @@ std::vector<FileIdentity> identify_items(const std::vector<std::string>& paths);
 // Runs the transfer that `job` describes and closes its operation with exactly one 260:
 // checked (a refusal is reported) after success, plain after a failure that has already
 // been reported or was the host's own stop.
+//
+// No exchange of a job has a time limit. The host answers a notice about an existing or a
+// failed item only once its user has chosen, which may take any time; a limit short enough
+// to matter would cut such a user off, and the toolgate's call cannot be abandoned once
+// made anyway. A host that never answers holds this job's thread and buffers, nothing more:
+// every other job has a thread of its own.
 void RunTransferJob(const TransferJob& job, const DnDContext& context);
 
 // Deletes the listed guest items (folders with everything in them, links as links),

@@ -333,7 +333,8 @@ uint32_t receive_data(const Receive& rx, Item& item, CHostFile& file) {
         // The reply buffer holds exactly the chunk asked for, so no more can arrive; a
         // reply that says it carries a different amount is not the data asked for.
         const uint32_t claimed = le::get32(rx.buffer, kOffDataLength);
-        if (claimed != 0 && claimed != chunk) return ask_skip(rx, notice::kDataRequestRefused, item);
+        if (claimed != 0 && claimed != chunk)
+            return ask_skip(rx, notice::kDataRequestRefused, item);
         if (file.transfer_all(&CHostFile::write_, rx.buffer + kOffData, chunk) !=
             static_cast<int64_t>(chunk)) {
             return ask_skip(rx, notice::kChunkNotWritten, item);
@@ -465,10 +466,9 @@ bool apply_item_info(Receive& rx, Item& item) {
         kFSCatInfoCreateDate | kFSCatInfoContentMod | kFSCatInfoAccessDate | kFSCatInfoFinderInfo;
     if (item.info.modeValid != 0) which |= kFSCatInfoPermissions;
     FSCatalogInfo info{};
-    if (FSGetCatalogInfo(&ref,
-                         which | kFSCatInfoNodeID | kFSCatInfoVolume |
-                             (locked ? kFSCatInfoNodeFlags : 0),
-                         &info, nullptr, nullptr, nullptr) != noErr) {
+    if (FSGetCatalogInfo(
+            &ref, which | kFSCatInfoNodeID | kFSCatInfoVolume | (locked ? kFSCatInfoNodeFlags : 0),
+            &info, nullptr, nullptr, nullptr) != noErr) {
         return false;
     }
     // The reference must be to the item created, as its name showed a moment ago. The
@@ -575,8 +575,8 @@ uint32_t receive_tree(const DnDContext& ctx, const std::string& destination, int
                        FSPathMakeRefWithOptions(
                            reinterpret_cast<const UInt8*>((destination + "/.").c_str()),
                            kFSPathMakeRefDoNotFollowLeafSymlink, &rx.destRef, nullptr) == noErr &&
-                       FSGetCatalogInfo(&rx.destRef, kFSCatInfoNodeID | kFSCatInfoVolume,
-                                        &rootInfo, nullptr, nullptr, nullptr) == noErr &&
+                       FSGetCatalogInfo(&rx.destRef, kFSCatInfoNodeID | kFSCatInfoVolume, &rootInfo,
+                                        nullptr, nullptr, nullptr) == noErr &&
                        rootInfo.nodeID == static_cast<UInt32>(rootStat.st_ino);
     if (!ready) {
         SendDialog(ctx, notice::kFailed.dialogId, notice::kFailed.code, u"");
@@ -587,8 +587,8 @@ uint32_t receive_tree(const DnDContext& ctx, const std::string& destination, int
 }
 
 uint32_t receive_tree(const DnDContext& ctx, const std::string& destination) {
-    const UniqueFd root(platform::sys_open(destination.c_str(),
-                                           O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    const UniqueFd root(
+        platform::sys_open(destination.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     return receive_tree(ctx, destination, root.get(), UINT64_MAX);
 }
 

@@ -89,6 +89,31 @@ TEST(RemoveTree, RemovesLinksAsLinksAndNeverFollowsThem) {
     EXPECT_EQ(qvxtest::read_file(dir / "outside/precious"), "data");
 }
 
+// "." and ".." as the last component name the folder or the one above it: removing them
+// would take what lies beside the item. A folder on another file system inside the tree
+// (a mount point, here a folder whose device the seam changes) stops the walk before it.
+TEST(RemoveTree, RefusesDotNamesAndStaysOnItsFileSystem) {
+    TempDir dir;
+    qvxtest::write_file(dir / "keep/sub/f", "f");
+    qvxtest::write_file(dir / "keep/other", "other");
+    for (const char* path : {"keep/sub/..", "keep/sub/../", "keep/sub/.", "keep/.."})
+        EXPECT_FALSE(qvx::remove_tree((dir / path).c_str())) << path;
+    EXPECT_TRUE(exists(dir / "keep/sub/f"));
+    EXPECT_TRUE(exists(dir / "keep/other"));
+
+    qvxtest::write_file(dir / "tree/mnt/volume-file", "v");
+    FaultScope faults;
+    faults.table().fstatat = [](int dirFd, const char* name, struct stat* st, int flags) {
+        const int rc = ::fstatat(dirFd, name, st, flags);
+        if (rc == 0 && std::strcmp(name, "mnt") == 0) st->st_dev ^= 1;
+        return rc;
+    };
+    faults.install();
+    EXPECT_FALSE(qvx::remove_tree((dir / "tree").c_str()));
+    EXPECT_EQ(errno, EXDEV);
+    EXPECT_TRUE(exists(dir / "tree/mnt/volume-file"));
+}
+
 // A folder far deeper than both the descriptor limit and PATH_MAX, built and checked
 // through descriptors only.
 TEST(RemoveTree, RemovesATreeDeeperThanTheDescriptorLimit) {

@@ -97,8 +97,8 @@ TEST(TransferJob, DeleteRemovesOnlyTheItemsDragged) {
     for (const char* f : {"shared/sub/x", "shared/sub/y", "outside/sub/x", "outside/sub/y",
                           "other/swapped/f", "keep/sub/f", "keep/other"})
         qvxtest::write_file(dir / f, "data");
-    TransferJob job = delete_job({dir / "shared/sub/x", dir / "shared/sub", dir / "other/swapped",
-                                  dir / "keep/sub/.."});
+    TransferJob job = delete_job(
+        {dir / "shared/sub/x", dir / "shared/sub", dir / "other/swapped", dir / "keep/sub/.."});
     ASSERT_EQ(::rename((dir / "shared").c_str(), (dir / "shared-away").c_str()), 0);
     ASSERT_EQ(::symlink((dir / "outside").c_str(), (dir / "shared").c_str()), 0);
     ASSERT_EQ(::rename((dir / "other/swapped").c_str(), (dir / "swapped-away").c_str()), 0);

@@ -447,8 +447,8 @@ TEST(ItemNames, SplitIntoCheckedComponents) {
         EXPECT_EQ(n.refusal, refusal) << name.size();
     }
     // Names that cannot be read at all.
-    for (const auto& name : {std::u16string(), std::u16string(1, u'\xd800'),
-                             u"\\" + std::u16string(1023, u'x')})
+    for (const auto& name :
+         {std::u16string(), std::u16string(1, u'\xd800'), u"\\" + std::u16string(1023, u'x')})
         EXPECT_FALSE(parse_item_name(name, n)) << name.size();
 }
 

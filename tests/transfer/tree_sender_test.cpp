@@ -11,6 +11,7 @@
 
 #include <dirent.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <set>
 #include <string>
@@ -80,6 +81,8 @@ std::string describe(const Request& r) {
             return std::to_string(cmd) + " " + name_of(r);
     }
 }
+
+using V = std::vector<std::string>;
 
 std::vector<std::string> lines(const ScriptedHost& host) {
     std::vector<std::string> out;
@@ -206,6 +209,28 @@ TEST(TreeSender, LinkToAFolderIsOneLinkMessageAndIsNeverWalked) {
     EXPECT_EQ(host.sent[3].bytes.size(), 2196u + 14u);
 }
 
+// A pipe, a device: nothing to copy, and reading either might never end. Each gets the
+// notice of an item that cannot be read, is neither counted nor announced, and the send
+// goes on.
+TEST(TreeSender, ItemsThatAreNeitherFileNorFolderNorLinkAreReportedAndPassedOver) {
+    TempDir dir;
+    qvxtest::write_file(dir / "top/a", "a");
+    ASSERT_EQ(::mkfifo((dir / "top/pipe").c_str(), 0600), 0);
+    uint32_t items = 0;
+    uint64_t bytes = 0;
+    ASSERT_TRUE(count_tree(dir / "top", items, bytes));
+    EXPECT_EQ(std::tuple(items, bytes), std::tuple(2u, 33u));
+
+    ScriptedHost host;
+    EXPECT_EQ(send_tree(host.context(), {"/dev/zero", dir / "top"}), kTransferDone);
+    std::vector<std::string> expected = {"notice 0 0", "262 33 2 2", "notice 4 3 zero",
+                                         "notice 1 0 top", "265 top 16"};
+    for (const std::string& entry : readdir_order(dir / "top"))
+        append(expected, entry == "a" ? file_lines("top/a", {1}) : V{"notice 4 3 top/pipe"});
+    expected.push_back("271 top");
+    EXPECT_EQ(lines(host), expected);
+}
+
 TEST(TreeSender, SkippedListedItemLowersTheTotalsAndTheSendGoesOn) {
     TempDir dir;
     qvxtest::write_file(dir / "one", std::string(10, '1'));
@@ -283,7 +308,6 @@ TEST(TreeSender, FailedFileItemsAreClosedAndRemovedOnTheHost) {
         EXPECT_TRUE(std::equal(std::begin(opening), std::end(opening), got.begin()));
         return std::vector<std::string>(got.begin() + 3, got.end());
     };
-    using V = std::vector<std::string>;
     // A refused chunk: its notice, then 267 and 270, always in that order.
     EXPECT_EQ(run([](const Request& r) { return r.command() == 269 ? 5u : 0u; }),
               (V{"269 131072", "notice 4 5 f", "267", "270 f"}));
@@ -354,10 +378,13 @@ TEST(TreeSender, PathsAndListsThatCannotBeSent) {
     EXPECT_EQ(send_top_item(noSlash.context(), "relative"), kTransferFailed);
     EXPECT_EQ(lines(noSlash), (std::vector<std::string>{"notice 4 12"}));
 
-    // A path that cannot be counted: no totals.
-    ScriptedHost missing;
-    EXPECT_EQ(send_tree(missing.context(), {dir / "missing"}), kTransferFailed);
-    EXPECT_EQ(lines(missing), (std::vector<std::string>{"notice 0 0", "notice 4 12"}));
+    // A path that cannot be counted, or that names its item through "..": no totals.
+    qvxtest::write_file(dir / "d/sub/f", "f");
+    for (const std::string& path : {dir / "missing", dir / "d/sub/.."}) {
+        ScriptedHost refused;
+        EXPECT_EQ(send_tree(refused.context(), {path}), kTransferFailed);
+        EXPECT_EQ(lines(refused), (std::vector<std::string>{"notice 0 0", "notice 4 12"}));
+    }
 
     // The host stopping at a header ends the send without a notice.
     qvxtest::write_file(dir / "f", "f");
@@ -421,6 +448,54 @@ TEST(TreeSender, FoldersBelowTheHeldOnesAreReopenedOnTheWayBack) {
     }
     EXPECT_EQ(files, 30u);
     EXPECT_EQ(folders, 30u);
+}
+
+// A local process moves folders while they are sent: one swapped for a link to a folder
+// outside right after its header, one moved elsewhere while the walk is deeper than it
+// keeps open, so that ".." on the way back leads elsewhere. Nothing outside is sent.
+TEST(TreeSender, FoldersSwappedOrMovedWhileSentLeadNowhereElse) {
+    TempDir dir;
+    qvxtest::write_file(dir / "outside/f", "secret");
+    qvxtest::write_file(dir / "top/sub/f", "f");
+    ScriptedHost swapped;
+    answer_by(swapped, [&](const Request& r) -> uint32_t {
+        if (r.command() == 265 && name_of(r) == "top/sub") {
+            EXPECT_EQ(::rename((dir / "top/sub").c_str(), (dir / "sub-away").c_str()), 0);
+            EXPECT_EQ(::symlink((dir / "outside").c_str(), (dir / "top/sub").c_str()), 0);
+        }
+        return 0;
+    });
+    EXPECT_EQ(send_tree(swapped.context(), {dir / "top"}), kTransferFailed);
+    const auto data_of = [](const ScriptedHost& host) {
+        std::string data;
+        for (const Request& r : host.sent)
+            if (r.command() == 269) data.append(r.bytes.begin() + 2196, r.bytes.end());
+        return data;
+    };
+    EXPECT_EQ(data_of(swapped), "");
+
+    // 20 levels; beside the 20th folder, at level 19, files that come after it in readdir
+    // order, and files of the same names in the folder the 20th is moved to.
+    std::string level19 = dir / "deep";
+    for (int i = 1; i < 19; ++i) level19 += "/d";
+    for (int i = 0; i < 20; ++i) {
+        const std::string name = "n" + std::to_string(i);
+        qvxtest::write_file(level19 + "/" + name, "inside");
+        qvxtest::write_file(dir / ("elsewhere/" + name), "outside");
+    }
+    qvxtest::write_file(level19 + "/sub/f", "f");
+    const std::vector<std::string> order = readdir_order(level19);
+    ASSERT_NE(std::find(order.begin(), order.end(), "sub"), order.end() - 1)
+        << "an entry of level 19 comes after the folder moved";
+    ScriptedHost moved;
+    answer_by(moved, [&](const Request& r) -> uint32_t {
+        if (r.command() == 266 && name_of(r).size() > 40 && name_of(r).back() == 'f') {
+            EXPECT_EQ(::rename((level19 + "/sub").c_str(), (dir / "elsewhere/sub").c_str()), 0);
+        }
+        return 0;
+    });
+    EXPECT_EQ(send_tree(moved.context(), {dir / "deep"}), kTransferFailed);
+    EXPECT_EQ(data_of(moved).find("outside"), std::string::npos);
 }
 
 TEST(TreeSender, TwoThousandLevelsUnderASmallDescriptorLimit) {
