@@ -1,5 +1,6 @@
-// Fuzzes the receiver's check of a host item name: whatever it accepts is a relative path
-// of plain components that cannot climb, and it accepts nothing a NUL could cut short.
+// Fuzzes the receiver's check of a host item name: whatever it lets be created is a
+// relative path of plain components that cannot climb, and it lets nothing be created
+// that a NUL could cut short.
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -21,7 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (size_t i = 0; i < units.size(); ++i)
         units[i] = static_cast<char16_t>(data[2 * i] | data[2 * i + 1] << 8);
     qvx::ItemName name;
-    if (!qvx::parse_item_name(units, name)) return 0;
+    if (!qvx::parse_item_name(units, name) || name.refusal != 0) return 0;
 
     check(!units.empty() && units.size() <= qvx::dnd::kMaxTextUnits);
     check(units.find(u'\0') == std::u16string::npos);
