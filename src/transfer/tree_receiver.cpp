@@ -9,7 +9,11 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -43,7 +47,24 @@ struct Receive {
     FSRef refFolderRef;
     bool refFolderValid = false;
     FSVolumeRefNum volume = 0;  // the destination's, which every item created is on
+    // The folder the last item went into, reached beneath the destination: the items of a
+    // folder come one after another. Only ever a folder this receive made, or reached as
+    // it was then; nothing is resolved through it again.
+    std::string parentFolder;
+    UniqueFd parentFd;
+    unsigned pid = 0;  // in the temporary names
 };
+
+// A file or link is made under a temporary name in its folder and takes its own name only
+// once whole, so that a receive cut short, even by SIGKILL or a power loss, leaves no
+// partial item under a name the host sent. The name is hidden, says whose it is and is of
+// one short length whatever the item's own name: ".qvxdragdrop-<pid>-<n>.part". Unique
+// within the process by its counter; creation with O_EXCL (or a link's EEXIST) moves on to
+// the next number when another process left one of the same name.
+constexpr char kTempPrefix[] = ".qvxdragdrop-";
+constexpr size_t kTempNameSize = 48;
+constexpr int kTempTries = 16;
+std::atomic<uint64_t> g_tempCounter{0};
 
 // What the link target query found.
 enum class Link { None, Target, Unusable };
@@ -58,18 +79,57 @@ struct Item {
     // own descriptor, one of our own, or -1 when it cannot be reached (parentError says why,
     // and creating the item fails with it).
     int parent = -1;
-    UniqueFd ownParent;
     int parentError = 0;
     // Why the item cannot be created at all, as an errno (0: nothing known against it).
     int refusal = 0;
+    // The host agreed to replace what the name holds: the new item takes its place once
+    // whole, and the old one goes then.
+    bool replacing = false;
     // What was created, so that nothing else is changed or removed under its name later.
     bool created = false;
     dev_t dev = 0;
     ino_t ino = 0;
 };
 
+// The item under its temporary name, until it is put in place; removed (when it still is
+// what was made) if it never is, whatever ends the item.
+struct Staged {
+    int dir = -1;
+    char name[kTempNameSize] = "";
+    bool folder = false;
+    // What was made, once known. Before that only this receive, a moment ago, can have put
+    // anything under the name.
+    bool known = false;
+    dev_t dev = 0;
+    ino_t ino = 0;
+
+    Staged() = default;
+    Staged(const Staged&) = delete;
+    Staged& operator=(const Staged&) = delete;
+    ~Staged() { discard(); }
+    bool held() const { return name[0] != '\0'; }
+    void next_name(const Receive& rx) {
+        std::snprintf(name, sizeof name, "%s%x-%llx.part", kTempPrefix, rx.pid,
+                      static_cast<unsigned long long>(g_tempCounter.fetch_add(1)));
+    }
+    void made(const Item& item) {
+        known = true;
+        dev = item.dev;
+        ino = item.ino;
+    }
+    void discard() {
+        if (!held()) return;
+        struct stat st {};
+        if (!known || (platform::sys_fstatat(dir, name, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+                       st.st_dev == dev && st.st_ino == ino)) {
+            platform::sys_unlinkat(dir, name, folder ? AT_REMOVEDIR : 0);
+        }
+        name[0] = '\0';
+    }
+};
+
 // Answers to the question "does the item's name exist already?".
-enum class Existing { Absent, Skip, Fail };
+enum class Existing { Absent, Replace, Skip, Fail };
 
 struct Record {
     uint8_t bytes[kMessageSize];
@@ -118,14 +178,16 @@ void note_identity(Item& item, const struct stat& st) {
     item.ino = st.st_ino;
 }
 
-// Notes what the name now holds, when it is what was just created (a racing process may
-// have put something else there). Without it, the item's information is not applied.
-void note_created(Item& item, mode_t type) {
+// Notes what `name` in the item's folder now holds, when it is what was just created (a
+// racing process may have put something else there). Without it, nothing is changed or
+// removed under the name later.
+bool note_created(Item& item, const char* name, mode_t type) {
     struct stat st {};
-    if (platform::sys_fstatat(item.parent, item.name.leaf(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
-        (st.st_mode & S_IFMT) == type) {
-        note_identity(item, st);
-    }
+    if (platform::sys_fstatat(item.parent, name, &st, AT_SYMLINK_NOFOLLOW) != 0 ||
+        (st.st_mode & S_IFMT) != type)
+        return false;
+    note_identity(item, st);
+    return true;
 }
 
 // True while the item's name still holds what this receive created.
@@ -139,7 +201,7 @@ bool still_ours(const Item& item) {
 // Reaches the folder that holds the item; false when it cannot be reached (parentError
 // says why). An item that cannot be created reaches none, so that creating it fails as it
 // would in a folder that refuses it: with a notice the host may answer with a skip.
-bool reach_parent(const Receive& rx, Item& item) {
+bool reach_parent(Receive& rx, Item& item) {
     if (item.refusal != 0) {
         item.parent = -1;
         item.parentError = item.refusal;
@@ -150,14 +212,23 @@ bool reach_parent(const Receive& rx, Item& item) {
         item.parent = rx.root;
         return true;
     }
-    item.ownParent.reset(open_beneath(rx.root, std::string(folder).c_str(), O_PATH | O_DIRECTORY));
-    item.parent = item.ownParent ? item.ownParent.get() : -1;
-    item.parentError = item.ownParent ? 0 : errno;
-    return item.parent != -1;
+    if (!rx.parentFd || rx.parentFolder != folder) {
+        rx.parentFolder.clear();
+        rx.parentFd.reset(open_beneath(rx.root, std::string(folder).c_str(), O_PATH | O_DIRECTORY));
+        if (!rx.parentFd) {
+            item.parent = -1;
+            item.parentError = errno;
+            return false;
+        }
+        rx.parentFolder.assign(folder);
+    }
+    item.parent = rx.parentFd.get();
+    return true;
 }
 
+// The item's folder may be let go of once its own items come: after them it is reached
+// again.
 void release_parent(Item& item) {
-    item.ownParent.reset();
     item.parent = -1;
 }
 
@@ -233,9 +304,10 @@ bool query_link_target(const Receive& rx, Item& item) {
     }
 }
 
-// The item's name exists already: the host decides between replacing it (the existing
-// item is removed, a link as a link, a folder without following anything in it) and
-// skipping the new one.
+// The item's name exists already: the host decides between replacing it and skipping the
+// new one. A folder replaces a folder or a link, a file or link anything but a folder: the
+// old item goes as a folder with everything in it, or by unlink, so that others cannot be
+// taken away, and the host hears so at once.
 Existing existing_path(Receive& rx, Item& item, bool folder) {
     uint32_t mode = 0;
     if (item.parent == -1 || !CHostFile::get_mode_at(item.parent, item.name.leaf(), &mode)) {
@@ -244,34 +316,84 @@ Existing existing_path(Receive& rx, Item& item, bool folder) {
     const uint32_t answer = notify(rx, notice::kItemExists, &item);
     if (answer == kStatusSkip) return Existing::Skip;
     if (answer != kStatusReplace) return Existing::Fail;
-    // The folder remembered for catalog references may be the one going away.
-    rx.refFolderValid = false;
-    const bool removed = folder ? remove_tree_at(item.parent, item.name.leaf())
-                                : CHostFile::unlink_at(item.parent, item.name.leaf());
-    if (removed) return Existing::Absent;
+    const bool removable =
+        folder ? CHostFile::is_dir(mode) || CHostFile::is_link(mode) : !CHostFile::is_dir(mode);
+    if (removable) {
+        item.replacing = true;
+        return Existing::Replace;
+    }
     notify(rx, notice::kCannotRemove, &item);
     return Existing::Fail;
 }
 
-// For a file or a link: kTransferDone once its name is free, else the item's result.
-uint32_t free_name(Receive& rx, Item& item) {
+// For a file or a link: kTransferDone once it may be made, else the item's result.
+uint32_t check_name(Receive& rx, Item& item) {
     switch (existing_path(rx, item, false)) {
         case Existing::Fail:
             return kTransferFailed;
         case Existing::Skip:
             return kReceiveSkipped;
         case Existing::Absent:
+        case Existing::Replace:
             break;
     }
     return kTransferDone;
 }
 
-uint32_t receive_symlink(Receive& rx, Item& item) {
-    if (const uint32_t r = free_name(rx, item); r != kTransferDone) return r;
-    if (item.parent != -1 &&
-        platform::sys_symlinkat(item.linkTarget.c_str(), item.parent, item.name.leaf()) == 0) {
-        note_created(item, S_IFLNK);
+// Puts the whole item, made under its temporary name, in place: under a free name only,
+// or in exchange for the old item the host agreed to replace, which then goes (a folder
+// with everything in it, anything else by unlink). kTransferDone; when the old item cannot
+// be removed, it is put back, (4, 6) reports it and the receive ends; when the name was
+// taken meanwhile, the item is one that cannot be created.
+uint32_t install(Receive& rx, Item& item, Staged& staged, bool folder) {
+    const char* leaf = item.name.leaf();
+    if (item.replacing) {
+        // A folder remembered by name may lie in the old folder, but not the one it is in.
+        if (folder) {
+            rx.refFolderValid = false;
+            if (item.parent != rx.parentFd.get()) {
+                rx.parentFd.reset();
+                rx.parentFolder.clear();
+            }
+        }
+        if (platform::sys_rename_exchange(item.parent, staged.name, item.parent, leaf) == 0) {
+            const bool removed = folder ? remove_tree_at(item.parent, staged.name)
+                                        : CHostFile::unlink_at(item.parent, staged.name);
+            if (removed) {
+                staged.name[0] = '\0';
+                return kTransferDone;
+            }
+            // What is left of the old item goes back under its name; the new one is let go.
+            platform::sys_rename_exchange(item.parent, staged.name, item.parent, leaf);
+            notify(rx, notice::kCannotRemove, &item);
+            return kTransferFailed;
+        }
+        // Nothing to exchange with: the old item went meanwhile, and the name is free.
+        if (errno != ENOENT) {
+            notify(rx, notice::kCannotRemove, &item);
+            return kTransferFailed;
+        }
+    }
+    if (platform::sys_rename_noreplace(item.parent, staged.name, item.parent, leaf) == 0) {
+        staged.name[0] = '\0';
         return kTransferDone;
+    }
+    return ask_skip(rx, folder ? notice::kFolderNotCreated : notice::kItemNotCreated, item);
+}
+
+uint32_t receive_symlink(Receive& rx, Item& item) {
+    if (const uint32_t r = check_name(rx, item); r != kTransferDone) return r;
+    Staged staged;
+    staged.dir = item.parent;
+    for (int tries = 0; item.parent != -1 && tries < kTempTries; ++tries) {
+        staged.next_name(rx);
+        if (platform::sys_symlinkat(item.linkTarget.c_str(), item.parent, staged.name) == 0) {
+            if (!note_created(item, staged.name, S_IFLNK)) break;
+            staged.made(item);
+            return install(rx, item, staged, false);
+        }
+        staged.name[0] = '\0';
+        if (errno != EEXIST) break;
     }
     return ask_skip(rx, notice::kItemNotCreated, item);
 }
@@ -295,15 +417,36 @@ uint32_t receive_directory(Receive& rx, Item& item) {
         case Existing::Skip:
             return skip_folder(rx);
         case Existing::Absent:
+        case Existing::Replace:
             break;
     }
     uint32_t result = 0;
     if (item.parent == -1) {
         errno = item.parentError;
         result_from_errno(&result);
-    } else if (make_directory_at(item.parent, item.name.leaf(), &result)) {
-        note_created(item, S_IFDIR);
-        return kTransferDone;
+    } else if (!item.replacing) {
+        // A new folder is whole as soon as it exists: it is made under its own name.
+        if (make_directory_at(item.parent, item.name.leaf(), &result)) {
+            note_created(item, item.name.leaf(), S_IFDIR);
+            return kTransferDone;
+        }
+    } else {
+        // In place of an old folder: made beside it under a temporary name, exchanged for
+        // it, and the old one then removed from there.
+        Staged staged;
+        staged.dir = item.parent;
+        staged.folder = true;
+        for (int tries = 0; tries < kTempTries; ++tries) {
+            staged.next_name(rx);
+            if (make_directory_at(item.parent, staged.name, &result)) break;
+            staged.name[0] = '\0';
+            if (errno != EEXIST) break;
+        }
+        if (staged.held() && note_created(item, staged.name, S_IFDIR)) {
+            staged.made(item);
+            const uint32_t r = install(rx, item, staged, true);
+            return r == kReceiveSkipped ? skip_folder(rx) : r;
+        }
     }
     if (result == kResultAccessDenied) {
         notify(rx, notice::kAccessDenied, &item);
@@ -311,11 +454,6 @@ uint32_t receive_directory(Receive& rx, Item& item) {
     }
     if (notify(rx, notice::kFolderNotCreated, &item) != kStatusSkip) return kTransferFailed;
     return skip_folder(rx);
-}
-
-// Removes the partly written file, unless its name no longer holds it.
-void remove_partial(Item& item) {
-    if (still_ours(item)) CHostFile::unlink_at(item.parent, item.name.leaf());
 }
 
 // Pulls the file's data chunk by chunk into the transfer buffer and writes each from there.
@@ -345,8 +483,14 @@ uint32_t receive_data(const Receive& rx, Item& item, CHostFile& file) {
     return kTransferDone;
 }
 
+// The data goes to the device before the file takes its name: after a power loss the
+// name holds either nothing or all of it.
+bool flush_data(CHostFile& file) {
+    return platform::sys_fdatasync(file.fd()) == 0;
+}
+
 uint32_t receive_file(Receive& rx, Item& item) {
-    if (const uint32_t r = free_name(rx, item); r != kTransferDone) return r;
+    if (const uint32_t r = check_name(rx, item); r != kTransferDone) return r;
     {
         Record out;
         build_data_begin(out.data(), rx.ctx.workerId, item.info, 0);
@@ -359,6 +503,8 @@ uint32_t receive_file(Receive& rx, Item& item) {
 
     uint32_t result = kTransferDone;
     CHostFile file;
+    Staged staged;
+    staged.dir = item.parent;
     uint32_t openResult = 0;
     bool opened = false;
     if (item.info.size > rx.budget) {
@@ -369,7 +515,12 @@ uint32_t receive_file(Receive& rx, Item& item) {
         errno = item.parentError;
         result_from_errno(&openResult);
     } else {
-        opened = file.open_at(item.parent, item.name.leaf(), false, false, false, &openResult);
+        for (int tries = 0; !opened && tries < kTempTries; ++tries) {
+            staged.next_name(rx);
+            opened = file.open_at(item.parent, staged.name, false, false, false, &openResult);
+            if (!opened && errno != EEXIST) break;
+        }
+        if (!opened) staged.name[0] = '\0';
     }
     if (!opened) {
         if (openResult == kResultAccessDenied) {
@@ -381,19 +532,18 @@ uint32_t receive_file(Receive& rx, Item& item) {
     } else {
         rx.budget -= item.info.size;
         struct stat st {};
-        if (platform::sys_fstat(file.fd(), &st) == 0) note_identity(item, st);
-        file.seek(0, SEEK_SET);
-        // Whatever ends the data, out of memory included, takes the partial file along.
-        struct Partial {
-            Item& item;
-            bool whole = false;
-            ~Partial() {
-                if (!whole) remove_partial(item);
-            }
-        } partial{item};
+        if (platform::sys_fstat(file.fd(), &st) == 0) {
+            note_identity(item, st);
+            staged.made(item);
+        }
+        // A new file is at position 0. Whatever ends its data early, out of memory
+        // included, takes it along with `staged`.
         result = receive_data(rx, item, file);
+        if (result == kTransferDone && !flush_data(file)) {
+            result = ask_skip(rx, notice::kChunkNotWritten, item);
+        }
         file.close();
-        partial.whole = result == kTransferDone;
+        if (result == kTransferDone) result = install(rx, item, staged, false);
     }
 
     if (result != kTransferDone) {
@@ -462,13 +612,16 @@ bool apply_item_info(Receive& rx, Item& item) {
         return false;
     }
     const bool locked = item.info.attributes & kAttrLocked;
-    FSCatalogInfoBitmap which =
-        kFSCatInfoCreateDate | kFSCatInfoContentMod | kFSCatInfoAccessDate | kFSCatInfoFinderInfo;
+    FSCatalogInfoBitmap which = kFSCatInfoCreateDate | kFSCatInfoContentMod | kFSCatInfoAccessDate;
     if (item.info.modeValid != 0) which |= kFSCatInfoPermissions;
+    // Read is only what is written back unchanged (the owner beside the mode, the flags
+    // beside the lock) and what identifies the item: the dates are all replaced, and the
+    // Finder information, which the host does not send, is left as it is.
     FSCatalogInfo info{};
-    if (FSGetCatalogInfo(
-            &ref, which | kFSCatInfoNodeID | kFSCatInfoVolume | (locked ? kFSCatInfoNodeFlags : 0),
-            &info, nullptr, nullptr, nullptr) != noErr) {
+    if (FSGetCatalogInfo(&ref,
+                         (which & kFSCatInfoPermissions) | kFSCatInfoNodeID | kFSCatInfoVolume |
+                             (locked ? kFSCatInfoNodeFlags : 0),
+                         &info, nullptr, nullptr, nullptr) != noErr) {
         return false;
     }
     // The reference must be to the item created, as its name showed a moment ago. The
@@ -566,7 +719,8 @@ bool parse_item_name(std::u16string_view units, ItemName& out) {
 uint32_t receive_tree(const DnDContext& ctx, const std::string& destination, int root,
                       uint64_t announced) {
     std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[kTransferBufferSize]());
-    Receive rx{ctx, destination, root, buffer.get(), announced, {}, {}, {}, false, 0};
+    Receive rx{ctx, destination, root, buffer.get(), announced, {}, {}, {}, false, 0, {}, {}, 0};
+    rx.pid = static_cast<unsigned>(::getpid());
     // The catalog's reference to the same folder: "/." lets a link in the destination's own
     // path be followed, as opening it did, and the node number shows it is the same one.
     struct stat rootStat {};

@@ -408,8 +408,8 @@ SendWalk::Step SendWalk::send_file(int dirFd, const char* atName) {
         remove_item();
         return Step::Failed;
     }
-    file.seek(0, SEEK_SET);
-    // The size at opening: a file that grows meanwhile is sent up to it.
+    // Just opened, the file is read from its start. The size at opening: a file that grows
+    // meanwhile is sent up to it.
     const auto total = static_cast<uint64_t>(st.st_size);
     uint64_t sent = 0;
     for (;;) {

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 
 #include "platform/sim/disk.h"
@@ -56,6 +57,13 @@ int real_fstatvfs(int fd, struct statvfs* st) {
 // glibc has no wrapper for openat2.
 int real_openat2(int dirFd, const char* name, struct open_how* how, size_t size) {
     return static_cast<int>(::syscall(SYS_openat2, dirFd, name, how, size));
+}
+
+int real_rename_noreplace(int fromDirFd, const char* from, int toDirFd, const char* to) {
+    return ::renameat2(fromDirFd, from, toDirFd, to, RENAME_NOREPLACE);
+}
+int real_rename_exchange(int fromDirFd, const char* from, int toDirFd, const char* to) {
+    return ::renameat2(fromDirFd, from, toDirFd, to, RENAME_EXCHANGE);
 }
 
 // glibc's fchmodat refuses AT_EMPTY_PATH; the kernel's fchmodat2 (Linux 6.6) takes it.
@@ -113,6 +121,9 @@ constexpr SyscallTable kReal{
     .openat2 = real_openat2,
     .mkdirat = ::mkdirat,
     .symlinkat = ::symlinkat,
+    .rename_noreplace = real_rename_noreplace,
+    .rename_exchange = real_rename_exchange,
+    .fdatasync = ::fdatasync,
 };
 
 std::atomic<const SyscallTable*> g_table{&kReal};
@@ -331,6 +342,16 @@ int sys_mkdirat(int dirFd, const char* name, mode_t mode) {
 }
 int sys_symlinkat(const char* target, int dirFd, const char* name) {
     return fires(Sys::symlinkat) ? -1 : table().symlinkat(target, dirFd, name);
+}
+int sys_rename_noreplace(int fromDirFd, const char* from, int toDirFd, const char* to) {
+    return fires(Sys::rename_noreplace) ? -1
+                                        : table().rename_noreplace(fromDirFd, from, toDirFd, to);
+}
+int sys_rename_exchange(int fromDirFd, const char* from, int toDirFd, const char* to) {
+    return fires(Sys::rename_exchange) ? -1 : table().rename_exchange(fromDirFd, from, toDirFd, to);
+}
+int sys_fdatasync(int fd) {
+    return fires(Sys::fdatasync) ? -1 : table().fdatasync(fd);
 }
 
 }  // namespace platform

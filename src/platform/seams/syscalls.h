@@ -75,6 +75,13 @@ struct SyscallTable {
     int (*openat2)(int dirFd, const char* name, struct open_how* how, size_t size);
     int (*mkdirat)(int dirFd, const char* name, mode_t mode);
     int (*symlinkat)(const char* target, int dirFd, const char* name);
+    // Renames that never lose an item: the first fails with EEXIST when `to` exists, the
+    // second swaps the two items, which must both exist. EINVAL where the file system
+    // cannot.
+    int (*rename_noreplace)(int fromDirFd, const char* from, int toDirFd, const char* to);
+    int (*rename_exchange)(int fromDirFd, const char* from, int toDirFd, const char* to);
+    // Writes the file's data, and what is needed to read it back, to the device.
+    int (*fdatasync)(int fd);
 };
 
 // Installs a replacement (nullptr restores the real calls) and returns the previous table.
@@ -127,6 +134,9 @@ enum class Sys : uint8_t {
     openat2,
     mkdirat,
     symlinkat,
+    rename_noreplace,
+    rename_exchange,
+    fdatasync,
     kCount
 };
 
@@ -189,5 +199,8 @@ ssize_t sys_readlinkat(int dirFd, const char* name, char* buffer, size_t size);
 int sys_openat2(int dirFd, const char* name, struct open_how* how, size_t size);
 int sys_mkdirat(int dirFd, const char* name, mode_t mode);
 int sys_symlinkat(const char* target, int dirFd, const char* name);
+int sys_rename_noreplace(int fromDirFd, const char* from, int toDirFd, const char* to);
+int sys_rename_exchange(int fromDirFd, const char* from, int toDirFd, const char* to);
+int sys_fdatasync(int fd);
 
 }  // namespace platform
