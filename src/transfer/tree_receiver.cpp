@@ -61,6 +61,11 @@ struct Receive {
 // one short length whatever the item's own name: ".qvxdragdrop-<pid>-<n>.part". Unique
 // within the process by its counter; creation with O_EXCL (or a link's EEXIST) moves on to
 // the next number when another process left one of the same name.
+//
+// What a killed receive leaves are such temporaries, and a later receive leaves them be:
+// a name of this form is no proof that the file is ours and abandoned (another receive, in
+// this process or another, may be writing it right now, and anyone may name a file so), and
+// a mark that would prove it costs a call on every file and outlives the rename.
 constexpr char kTempPrefix[] = ".qvxdragdrop-";
 constexpr size_t kTempNameSize = 48;
 constexpr int kTempTries = 16;
@@ -483,10 +488,12 @@ uint32_t receive_data(const Receive& rx, Item& item, CHostFile& file) {
     return kTransferDone;
 }
 
-// The data goes to the device before the file takes its name: after a power loss the
-// name holds either nothing or all of it.
-bool flush_data(CHostFile& file) {
-    return platform::sys_fdatasync(file.fd()) == 0;
+// The data goes to the device before the file takes its name: after a power loss (a
+// guest reset is one to its file system) the name holds either nothing or all of it. On a
+// disk this costs about half again the time of writing a small file; in memory, next to
+// nothing. An empty file has nothing to lose.
+bool flush_data(CHostFile& file, uint64_t size) {
+    return size == 0 || platform::sys_fdatasync(file.fd()) == 0;
 }
 
 uint32_t receive_file(Receive& rx, Item& item) {
@@ -539,7 +546,7 @@ uint32_t receive_file(Receive& rx, Item& item) {
         // A new file is at position 0. Whatever ends its data early, out of memory
         // included, takes it along with `staged`.
         result = receive_data(rx, item, file);
-        if (result == kTransferDone && !flush_data(file)) {
+        if (result == kTransferDone && !flush_data(file, item.info.size)) {
             result = ask_skip(rx, notice::kChunkNotWritten, item);
         }
         file.close();

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -294,6 +295,29 @@ TEST_P(Receiver, FailedCreationsAndWritesAreReportedAndLeaveNoPartialFile) {
     SourceHost stopped({big, end_of(1)});
     platform::fault_inject(Sys::write, 2, EIO);
     EXPECT_EQ(receive(stopped), kTransferFailed);
+    EXPECT_FALSE(exists(at("big")));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(at("")),
+                            std::filesystem::directory_iterator()),
+              1)
+        << "only the earlier file: no temporary is left";
+
+    // The temporary that cannot be removed either is all that stays, under its hidden name.
+    m_faults.table().unlinkat = [](int, const char*, int) {
+        errno = EIO;
+        return -1;
+    };
+    m_faults.install();
+    SourceHost unremovable({big, end_of(1)}, kReplaceOrSkip);
+    platform::fault_inject(Sys::write, 2, ENOSPC);
+    EXPECT_EQ(receive(unremovable), kTransferDone);
+    m_faults.table().unlinkat = platform::real_syscalls()->unlinkat;
+    std::vector<std::string> left;
+    for (const auto& entry : std::filesystem::directory_iterator(at("")))
+        left.push_back(entry.path().filename().string());
+    ASSERT_EQ(left.size(), 2u);
+    const std::string temporary = left[0] == "next" ? left[1] : left[0];
+    EXPECT_EQ(temporary.rfind(".qvxdragdrop-", 0), 0u) << temporary;
+    ASSERT_EQ(::unlink(at(temporary).c_str()), 0);
     EXPECT_FALSE(exists(at("big")));
 
     // Lack of access ends the receive without asking the host; other failures ask.
