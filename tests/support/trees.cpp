@@ -152,4 +152,25 @@ size_t tree_size(const std::string& folder) {
     return list(folder, false).size();
 }
 
+TreeContents tree_contents(const std::string& root, bool (*skip)(const std::string&),
+                           int* skipped) {
+    TreeContents out;
+    for (auto it = fs::recursive_directory_iterator(root); it != fs::recursive_directory_iterator();
+         ++it) {
+        if (skip && skip(it->path().filename().string())) {
+            if (skipped) ++*skipped;
+            if (it->is_directory() && !it->is_symlink()) it.disable_recursion_pending();
+            continue;
+        }
+        const std::string rel = it->path().lexically_relative(root).string();
+        if (it->is_symlink())
+            out[rel] = "l:" + fs::read_symlink(it->path()).string();
+        else if (it->is_directory())
+            out[rel] = "d";
+        else
+            out[rel] = "f:" + read_file(it->path());
+    }
+    return out;
+}
+
 }  // namespace qvxtest

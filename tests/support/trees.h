@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -26,5 +27,12 @@ std::vector<std::string> tree_differences(const std::string& source, const std::
 
 // Items below `folder`, all depths.
 size_t tree_size(const std::string& folder);
+
+// What a folder holds: relative path to "d" (folder), "l:" and a target, or "f:" and the
+// bytes. Entries whose name `skip` accepts are left out with everything below them, and
+// counted in `skipped`.
+using TreeContents = std::map<std::string, std::string>;
+TreeContents tree_contents(const std::string& root, bool (*skip)(const std::string&) = nullptr,
+                           int* skipped = nullptr);
 
 }  // namespace qvxtest

@@ -25,6 +25,7 @@
 #include "support/scripted_host.h"
 #include "support/source_host.h"
 #include "support/temp_dir.h"
+#include "support/trees.h"
 #include "transfer/transfer_job.h"
 
 namespace {
@@ -41,23 +42,10 @@ constexpr uint64_t kStride = 7;
 constexpr uint64_t kStride = 1;
 #endif
 
-// What a folder tree holds: relative path to "d" (folder), "l:" and a target, or "f:" and
-// the bytes.
-using Contents = std::map<std::string, std::string>;
+using Contents = TreeContents;
 
 Contents contents_of(const std::string& root) {
-    Contents out;
-    for (auto it = fs::recursive_directory_iterator(root); it != fs::recursive_directory_iterator();
-         ++it) {
-        const std::string rel = it->path().lexically_relative(root).string();
-        if (it->is_symlink())
-            out[rel] = "l:" + fs::read_symlink(it->path()).string();
-        else if (it->is_directory())
-            out[rel] = "d";
-        else
-            out[rel] = "f:" + read_file(it->path());
-    }
-    return out;
+    return tree_contents(root);
 }
 
 std::string bytes(size_t size, int seed) {

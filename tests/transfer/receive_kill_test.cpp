@@ -15,6 +15,7 @@
 #include "support/fault_scope.h"
 #include "support/source_host.h"
 #include "support/temp_dir.h"
+#include "support/trees.h"
 #include "text/encoding.h"
 #include "transfer/transfer_job.h"
 
@@ -22,7 +23,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace qvxtest;
-using Contents = std::map<std::string, std::string>;
+using Contents = TreeContents;
 
 // The calls that change the destination, counted; the process dies at number g_dieAt.
 uint64_t g_calls = 0;
@@ -71,26 +72,10 @@ bool is_temporary(const std::string& name) {
            name.compare(name.size() - 5, 5, ".part") == 0;
 }
 
-// What the folder holds, relative path to "d", "l:" and a target, or "f:" and the bytes;
-// the temporaries' names are counted instead, and nothing below them is looked at.
-Contents contents_of(const std::string& root, int& temporaries) {
-    Contents out;
-    for (auto it = fs::recursive_directory_iterator(root); it != fs::recursive_directory_iterator();
-         ++it) {
-        if (is_temporary(it->path().filename().string())) {
-            ++temporaries;
-            if (it->is_directory() && !it->is_symlink()) it.disable_recursion_pending();
-            continue;
-        }
-        const std::string rel = it->path().lexically_relative(root).string();
-        if (it->is_symlink())
-            out[rel] = "l:" + fs::read_symlink(it->path()).string();
-        else if (it->is_directory())
-            out[rel] = "d";
-        else
-            out[rel] = "f:" + read_file(it->path());
-    }
-    return out;
+// What the folder holds; the temporaries are counted instead, and nothing below them is
+// looked at.
+TreeContents contents_of(const std::string& root, int& temporaries) {
+    return tree_contents(root, is_temporary, &temporaries);
 }
 
 TEST(ReceiveKilled, LeavesEveryNameWholeOrOlderOrAbsentAndOnlyTemporariesBeside) {
