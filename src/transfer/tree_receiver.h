@@ -54,8 +54,11 @@ bool parse_item_name(std::u16string_view units, ItemName& out);
 // Receives every item the host describes into `destination`, the folder open as `root`
 // (-1: it could not be opened). kTransferFailed when the receive stopped; anything else
 // counts as done. Every item is created, written, changed and removed beneath that folder:
-// no host name or link leads outside it. Files get no more data in all than `announced`
-// bytes, what the host said it would send: a file that would go past it is not created.
+// no host name or link leads outside it. A file or link is made under a hidden temporary
+// name and takes its own only once whole (a file's data flushed first), so that a name the
+// host sent never holds a partial item, whenever the process stops. Files get no more data
+// in all than `announced` bytes, what the host said it would send: a file that would go
+// past it is not created.
 uint32_t receive_tree(const DnDContext& ctx, const std::string& destination, int root,
                       uint64_t announced);
 // As above, opening the destination itself (a final link is not followed), with no limit
