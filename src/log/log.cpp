@@ -20,8 +20,10 @@
 
 #include <Foundation/NSPathUtilities.h>
 #include <mach/mach.h>
+#include <mach/mach_time.h>
 
 #include "build_info.h"
+#include "platform/seams/descriptors.h"
 
 namespace qvx {
 namespace {
@@ -149,14 +151,14 @@ const LogPaths* ensure_paths() {
 }
 
 // The log's descriptor number, once it has one, stays the log's for the life of the
-// process: a new file is put in place over the same number (dup3) and never by closing
+// process: a new file is put in place over the same number (dup2) and never by closing
 // it. A writer may hold the number between log_open and its write; had the number been
 // closed, the next open or socket of the process could get it, and the late line would
 // land in a received file or a toolgate socket.
 constinit std::atomic<const LogPaths*> g_fdPaths{nullptr};  // the paths fd was opened for
 
 int open_path(const char* path) {
-    return open(path, O_WRONLY | O_APPEND | O_CREAT, 0666);
+    return open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
 }
 
 // Makes the file open as `fresh` the log file and returns the log's descriptor. The
@@ -175,7 +177,7 @@ int install_fd(int current, int fresh, const LogPaths* paths) {
     }
     // Threads replacing at once each put the file of the path they saw; should the last
     // one be stale, the next once-a-second check replaces it again.
-    if (dup3(fresh, current, 0) == -1) {
+    if (platform::dup_cloexec(fresh, current) == -1) {
         close(fresh);
         return current;
     }
@@ -189,9 +191,9 @@ int install_fd(int current, int fresh, const LogPaths* paths) {
 void release_log_file() {
     const int fd = g_fd.load();
     if (fd < 0) return;
-    const int null = open("/dev/null", O_WRONLY);
+    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
     if (null < 0) return;  // the next line replaces the file anyway
-    dup3(null, fd, 0);
+    platform::dup_cloexec(null, fd);
     close(null);
 }
 
@@ -513,11 +515,11 @@ uint32_t log_thread_id() {
 bool log_rate_limiter_allow(RateLimiter* limiter) {
     ErrnoGuard keep;
     uint32_t now = static_cast<uint32_t>(monotonic_ms() / 1000);
-    // A plain value by design; atomic_ref only keeps concurrent callers well defined.
-    std::atomic_ref<uint32_t> last(limiter->last);
-    uint32_t previous = last.load(std::memory_order_relaxed);
+    // A plain value by design; atomic access only keeps concurrent callers well defined
+    // (the builtins, since macOS's C++ library has no std::atomic_ref).
+    uint32_t previous = __atomic_load_n(&limiter->last, __ATOMIC_RELAXED);
     if (previous != 0xFFFFFFFFu && now - previous <= limiter->interval) return false;
-    last.store(now, std::memory_order_relaxed);
+    __atomic_store_n(&limiter->last, now, __ATOMIC_RELAXED);
     return true;
 }
 

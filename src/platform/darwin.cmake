@@ -2,22 +2,7 @@
 # system's frameworks, the Objective-C++ backend in cocoa/ and the seams' Darwin files.
 # Nothing of mac/ or sim/ takes part.
 
-# The seams: portable sources, plus a per-system file where the two systems differ
-# (name_darwin.cpp beside name_linux.cpp).
-function(qvx_seam_sources out)
-  set(sources)
-  foreach(name ${ARGN})
-    if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/seams/${name}_darwin.cpp)
-      list(APPEND sources seams/${name}_darwin.cpp)
-    endif()
-    if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/seams/${name}.cpp)
-      list(APPEND sources seams/${name}.cpp)
-    endif()
-  endforeach()
-  set(${out} ${sources} PARENT_SCOPE)
-endfunction()
-
-qvx_seam_sources(base_sources clock)
+qvx_seam_sources(base_sources clock descriptors)
 add_library(qvx_platform_base ${base_sources})
 target_link_libraries(qvx_platform_base PUBLIC qvx_common Threads::Threads
                       "-framework Foundation" "-framework CoreFoundation")

@@ -1,20 +1,17 @@
-// The real system-call table, the replaceable pointer to it, and the fault injector.
+// The real system-call table, the replaceable pointer to it, and the fault injector. The
+// calls that differ between Linux and macOS come from syscalls_<system>.cpp.
 #include "platform/seams/syscalls.h"
 
 #include <fcntl.h>
-#include <linux/openat2.h>
 #include <sys/statvfs.h>
-#include <sys/syscall.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 
-#include "platform/sim/disk.h"
+#include "platform/seams/syscalls_system.h"
 
 namespace platform {
 namespace {
@@ -54,27 +51,6 @@ void real_free(void* block) {
 int real_fstatvfs(int fd, struct statvfs* st) {
     return ::fstatvfs(fd, st);
 }
-// glibc has no wrapper for openat2.
-int real_openat2(int dirFd, const char* name, struct open_how* how, size_t size) {
-    return static_cast<int>(::syscall(SYS_openat2, dirFd, name, how, size));
-}
-
-int real_rename_noreplace(int fromDirFd, const char* from, int toDirFd, const char* to) {
-    return ::renameat2(fromDirFd, from, toDirFd, to, RENAME_NOREPLACE);
-}
-int real_rename_exchange(int fromDirFd, const char* from, int toDirFd, const char* to) {
-    return ::renameat2(fromDirFd, from, toDirFd, to, RENAME_EXCHANGE);
-}
-
-// glibc's fchmodat refuses AT_EMPTY_PATH; the kernel's fchmodat2 (Linux 6.6) takes it.
-#ifndef SYS_fchmodat2
-#define SYS_fchmodat2 452
-#endif
-int real_fchmodat(int dirFd, const char* name, mode_t mode, int flags) {
-    if (flags & AT_EMPTY_PATH)
-        return static_cast<int>(::syscall(SYS_fchmodat2, dirFd, name, mode, flags));
-    return ::fchmodat(dirFd, name, mode, flags);
-}
 
 // Designated, so that a call added to the table cannot shift its neighbours.
 constexpr SyscallTable kReal{
@@ -94,8 +70,8 @@ constexpr SyscallTable kReal{
     .mkdir = ::mkdir,
     .rmdir = ::rmdir,
     .fchmod = ::fchmod,
-    .fcntl = disk_fcntl,
-    .ioctl = disk_ioctl,
+    .fcntl = system_fcntl,
+    .ioctl = system_ioctl,
     .openat = real_openat,
     .unlinkat = ::unlinkat,
     .fstatat = real_fstatat,
@@ -106,24 +82,24 @@ constexpr SyscallTable kReal{
     .closedir = ::closedir,
     .valloc = real_valloc,
     .free = real_free,
-    .statx = ::statx,
+    .statx = system_statx,
     .utimensat = ::utimensat,
-    .fchmodat = real_fchmodat,
-    .getxattr = ::getxattr,
-    .setxattr = ::setxattr,
-    .removexattr = ::removexattr,
-    .listxattr = ::listxattr,
-    .fgetxattr = ::fgetxattr,
-    .fsetxattr = ::fsetxattr,
-    .fremovexattr = ::fremovexattr,
-    .flistxattr = ::flistxattr,
+    .fchmodat = system_fchmodat,
+    .getxattr = system_getxattr,
+    .setxattr = system_setxattr,
+    .removexattr = system_removexattr,
+    .listxattr = system_listxattr,
+    .fgetxattr = system_fgetxattr,
+    .fsetxattr = system_fsetxattr,
+    .fremovexattr = system_fremovexattr,
+    .flistxattr = system_flistxattr,
     .readlinkat = ::readlinkat,
-    .openat2 = real_openat2,
+    .openat2 = system_openat2,
     .mkdirat = ::mkdirat,
     .symlinkat = ::symlinkat,
-    .rename_noreplace = real_rename_noreplace,
-    .rename_exchange = real_rename_exchange,
-    .fdatasync = ::fdatasync,
+    .rename_noreplace = system_rename_noreplace,
+    .rename_exchange = system_rename_exchange,
+    .fdatasync = system_fdatasync,
 };
 
 std::atomic<const SyscallTable*> g_table{&kReal};

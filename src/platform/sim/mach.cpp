@@ -1,5 +1,6 @@
 // Mach stand-ins on Linux: monotonic time and kernel thread ids.
 #include <mach/mach.h>
+#include <mach/mach_time.h>
 
 #include <sys/syscall.h>
 #include <time.h>

@@ -1,4 +1,5 @@
-// Mach types and calls the tool uses: task port, absolute time and thread ids.
+// Mach types and calls the tool uses: task port and thread ids (absolute time is in
+// <mach/mach_time.h>, as on a Mac).
 #pragma once
 
 #include <pthread.h>
@@ -13,16 +14,7 @@ using mach_port_name_t = mach_port_t;
 inline constexpr kern_return_t KERN_SUCCESS = 0;
 inline constexpr mach_port_t MACH_PORT_NULL = 0;
 
-struct mach_timebase_info_data_t {
-    uint32_t numer;
-    uint32_t denom;
-};
-using mach_timebase_info_t = mach_timebase_info_data_t*;
-
 mach_port_t mach_task_self();
-// Nanoseconds of CLOCK_MONOTONIC; the timebase is 1/1.
-uint64_t mach_absolute_time();
-kern_return_t mach_timebase_info(mach_timebase_info_t info);
 // The kernel's thread id for the calling thread's own handle; 0 for any other thread,
 // whose id this stand-in does not know.
 mach_port_t pthread_mach_thread_np(pthread_t thread);
