@@ -124,10 +124,6 @@ inline constexpr uint32_t kDialogError = 4;
 inline constexpr uint32_t kDialogCodeFailed = 12;
 inline constexpr uint32_t kDialogCodeEntryFailed = 6;
 
-// Transfer actions in the reply to 258.
-inline constexpr uint32_t kActionSend = 0;
-inline constexpr uint32_t kActionDelete = 4;
-
 inline bool is_quiet_stop(uint32_t status) {
     return status == kStatusStop || status == kStatusStopAlso;
 }

@@ -122,11 +122,11 @@ TEST_F(DragPlayerTest, GuestDragAtTheEdgeIsTakenOnceAndReleasedAtHandOver) {
     hostsim::GuestDragPlan plan;
     plan.workerId = 8;
     plan.newWorkerId = 9;
-    plan.action = dnd::kActionDelete;
+    plan.action = 4u /* delete */;
     player.guest_drag(plan);
     plan.workerId = 10;
     plan.newWorkerId = 11;
-    plan.action = dnd::kActionSend;
+    plan.action = 0u /* send */;
     player.guest_drag(plan);
     const NSInteger folder = platform::open_folder_window("/g", NSMakeRect(0, 0, 300, 300), true);
     platform::select_in_window(folder, {platform::Selection::Kind::Paths, {"/g/a"}, {}});
@@ -145,7 +145,7 @@ TEST_F(DragPlayerTest, GuestDragAtTheEdgeIsTakenOnceAndReleasedAtHandOver) {
         uint32_t action = 0;
         EXPECT_TRUE(qvx::SendFileList(context(0), false, {"/g/a"}, &worker, &action));
         EXPECT_EQ(worker, 9u);
-        EXPECT_EQ(action, dnd::kActionDelete);
+        EXPECT_EQ(action, 4u /* delete */);
         EXPECT_TRUE(qvx::SendChecked(context(9), dnd::kCmd273));
         EXPECT_EQ(platform::pointer_state().buttons, 0u);
         EXPECT_EQ(platform::pointer_state().x, 2879);
@@ -160,7 +160,7 @@ TEST_F(DragPlayerTest, GuestDragAtTheEdgeIsTakenOnceAndReleasedAtHandOver) {
         EXPECT_EQ(poll(), dnd::kHostCmdGuestToHost);
         EXPECT_TRUE(qvx::SendFileList(context(0), false, {"/g/a"}, &worker, &action));
         EXPECT_EQ(worker, 11u);
-        EXPECT_EQ(action, dnd::kActionSend);
+        EXPECT_EQ(action, 0u /* send */);
         EXPECT_TRUE(qvx::SendChecked(context(11), dnd::kCmd273));
         qvxtest::settle();
     });

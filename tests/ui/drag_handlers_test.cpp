@@ -226,7 +226,7 @@ TEST_F(DragHandlerTest, GuestFileDragIsAnnouncedHandedOverAndSent) {
         platform::open_folder_window("/guest", NSMakeRect(0, 0, 300, 300), true);
     platform::select_in_window(folder,
                                {Selection::Kind::Paths, {"/guest/b.txt", "/guest/Été"}, {}});
-    m_host.action = dnd::kActionDelete;
+    m_host.action = 4u /* delete */;
     drag_to_edge();
     on_control_thread([&] { HandleGuestToHostDrag(context(5)); });
 
@@ -242,7 +242,7 @@ TEST_F(DragHandlerTest, GuestFileDragIsAnnouncedHandedOverAndSent) {
     ASSERT_EQ(jobs.size(), 1u);
     EXPECT_EQ(jobs[0].direction, kDirectionSend);
     EXPECT_EQ(jobs[0].workerId, 77u);
-    EXPECT_EQ(jobs[0].action, dnd::kActionDelete);
+    EXPECT_EQ(jobs[0].action, 4u /* delete */);
     EXPECT_EQ(jobs[0].paths, (Strings{"/guest/b.txt", "/guest/Été"}));
     // The host released the pointer at 273: the drag ended over the view.
     EXPECT_EQ(dragEnded.load(), 1);
