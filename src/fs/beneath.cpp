@@ -1,9 +1,8 @@
-// Resolution of names beneath a folder descriptor: openat2 where the kernel has it, a walk
-// of one component at a time where it does not.
+// Resolution of names beneath a folder descriptor: the kernel's own where it has one
+// (platform::sys_open_beneath), a walk of one component at a time where it does not.
 #include "fs/beneath.h"
 
 #include <fcntl.h>
-#include <linux/openat2.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -16,7 +15,7 @@
 namespace qvx {
 namespace {
 
-// openat2 answers EAGAIN when a rename or mount elsewhere raced its lookup; after a few
+// The kernel answers EAGAIN when a rename or mount elsewhere raced its lookup; after a few
 // tries the walk, which does not care, takes over.
 constexpr int kRetries = 8;
 
@@ -50,10 +49,11 @@ int walk_beneath(int dirFd, std::string_view name, int flags, mode_t mode) {
         component.assign(name.substr(start, last ? std::string_view::npos : slash - start));
         start = slash + 1;
         if (!last && (component.empty() || component == ".")) continue;
-        const int fd = last ? platform::sys_openat(current, component.c_str(),
-                                                   flags | O_NOFOLLOW | O_CLOEXEC, mode)
-                            : platform::sys_openat(current, component.c_str(),
-                                                   O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        const int fd =
+            last ? platform::sys_openat(current, component.c_str(), flags | O_NOFOLLOW | O_CLOEXEC,
+                                        mode)
+                 : platform::sys_openat(current, component.c_str(),
+                                        platform::kOpenPath | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
         if (fd == -1) {
             const int error = errno;
             errno = (error == ENOTDIR || error == ELOOP)
@@ -64,7 +64,8 @@ int walk_beneath(int dirFd, std::string_view name, int flags, mode_t mode) {
         if (last) {
             // O_PATH with O_NOFOLLOW opens a final link itself instead of refusing it.
             struct stat st {};
-            if ((flags & O_PATH) && platform::sys_fstat(fd, &st) == 0 && S_ISLNK(st.st_mode)) {
+            if ((flags & platform::kOpenPath) && platform::sys_fstat(fd, &st) == 0 &&
+                S_ISLNK(st.st_mode)) {
                 UniqueFd drop(fd);
                 errno = ELOOP;
                 return -1;
@@ -104,13 +105,8 @@ int open_beneath(int dirFd, const char* name, int flags, mode_t mode) {
         errno = EXDEV;
         return -1;
     }
-    open_how how{};
-    how.flags = static_cast<uint64_t>(flags | O_CLOEXEC);
-    // openat2 refuses a mode that nothing creates with; O_TMPFILE includes O_DIRECTORY.
-    how.mode = ((flags & O_CREAT) || (flags & O_TMPFILE) == O_TMPFILE) ? mode : 0;
-    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
     for (int attempt = 0; attempt < kRetries; ++attempt) {
-        const int fd = platform::sys_openat2(dirFd, name, &how, sizeof how);
+        const int fd = platform::sys_open_beneath(dirFd, name, flags, mode);
         if (fd != -1) return fd;
         if (errno != EAGAIN) {
             if (errno != ENOSYS) return -1;

@@ -32,9 +32,9 @@ class UniqueFd {
 // empty component), with open's `flags` and `mode`, looking each component up inside the
 // folder before it. Nothing is followed: a symbolic or magic link anywhere on the way, the
 // last component included, fails with ELOOP, and a ".." component with EXDEV, so the
-// result always lies beneath `dirFd`. Uses openat2 with RESOLVE_BENEATH |
-// RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS; where the kernel lacks it (ENOSYS) or keeps
-// asking to retry, walks one component at a time with O_NOFOLLOW | O_DIRECTORY.
+// result always lies beneath `dirFd`. Uses the kernel's resolution beneath a folder
+// (platform::sys_open_beneath); where the kernel lacks it (ENOSYS) or keeps asking to
+// retry, walks one component at a time with O_NOFOLLOW | O_DIRECTORY.
 // O_CLOEXEC is always added. The descriptor, or -1 with errno.
 int open_beneath(int dirFd, const char* name, int flags, mode_t mode = 0);
 

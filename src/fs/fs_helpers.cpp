@@ -228,11 +228,11 @@ int open_parent_of(const char* path, std::string& leaf) {
     const size_t slash = own.rfind('/');
     if (slash == std::string::npos) {
         leaf = own;
-        return platform::sys_open(".", O_PATH | O_DIRECTORY | O_CLOEXEC);
+        return platform::sys_open(".", platform::kOpenPath | O_DIRECTORY | O_CLOEXEC);
     }
     leaf = own.substr(slash + 1);
     const std::string parent = slash == 0 ? "/" : own.substr(0, slash);
-    return platform::sys_open(parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    return platform::sys_open(parent.c_str(), platform::kOpenPath | O_DIRECTORY | O_CLOEXEC);
 }
 
 void close_keeping_errno(int fd) {

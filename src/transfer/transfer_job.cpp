@@ -25,8 +25,8 @@ bool receive_into(const DnDContext& ctx, const std::string& destination) {
     if (!SendChecked(ctx, dnd::kCmdTransferStart)) return false;
     uint64_t totalBytes = 0;
     if (!QueryTransferTotals(ctx, &totalBytes, nullptr)) return false;
-    const UniqueFd root(
-        platform::sys_open(destination.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    const UniqueFd root(platform::sys_open(
+        destination.c_str(), platform::kOpenPath | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!check_free_space_at(ctx, root.get(), totalBytes, 1)) return false;
     return receive_tree(ctx, destination, root.get(), totalBytes) != kTransferFailed;
 }

@@ -19,6 +19,7 @@
 #include <new>
 
 #include "channel/dnd_message.h"
+#include "common/deprecated_call.h"
 #include "fs/beneath.h"
 #include "fs/fs_helpers.h"
 #include "fs/host_file.h"
@@ -219,7 +220,8 @@ bool reach_parent(Receive& rx, Item& item) {
     }
     if (!rx.parentFd || rx.parentFolder != folder) {
         rx.parentFolder.clear();
-        rx.parentFd.reset(open_beneath(rx.root, std::string(folder).c_str(), O_PATH | O_DIRECTORY));
+        rx.parentFd.reset(
+            open_beneath(rx.root, std::string(folder).c_str(), platform::kOpenPath | O_DIRECTORY));
         if (!rx.parentFd) {
             item.parent = -1;
             item.parentError = errno;
@@ -579,8 +581,9 @@ const FSRef* folder_ref(Receive& rx, std::string_view relative) {
         const std::u16string units = Utf8ToUtf16(component.data(), component.size());
         FSRef next;
         if (units.empty() ||
-            FSMakeFSRefUnicode(parent, units.size(), reinterpret_cast<const UniChar*>(units.data()),
-                               kTextEncodingUnknown, &next) != noErr) {
+            QVX_DEPRECATED_CALL(FSMakeFSRefUnicode(parent, units.size(),
+                                                   reinterpret_cast<const UniChar*>(units.data()),
+                                                   kTextEncodingUnknown, &next)) != noErr) {
             return nullptr;
         }
         current = std::move(next);
@@ -614,8 +617,9 @@ bool apply_item_info(Receive& rx, Item& item) {
     const std::u16string leaf = Utf8ToUtf16(item.name.leaf(), std::strlen(item.name.leaf()));
     FSRef ref;
     if (!folder || leaf.empty() ||
-        FSMakeFSRefUnicode(folder, leaf.size(), reinterpret_cast<const UniChar*>(leaf.data()),
-                           kTextEncodingUnknown, &ref) != noErr) {
+        QVX_DEPRECATED_CALL(FSMakeFSRefUnicode(folder, leaf.size(),
+                                               reinterpret_cast<const UniChar*>(leaf.data()),
+                                               kTextEncodingUnknown, &ref)) != noErr) {
         return false;
     }
     const bool locked = item.info.attributes & kAttrLocked;
@@ -625,10 +629,11 @@ bool apply_item_info(Receive& rx, Item& item) {
     // beside the lock) and what identifies the item: the dates are all replaced, and the
     // Finder information, which the host does not send, is left as it is.
     FSCatalogInfo info{};
-    if (FSGetCatalogInfo(&ref,
-                         (which & kFSCatInfoPermissions) | kFSCatInfoNodeID | kFSCatInfoVolume |
-                             (locked ? kFSCatInfoNodeFlags : 0),
-                         &info, nullptr, nullptr, nullptr) != noErr) {
+    if (QVX_DEPRECATED_CALL(FSGetCatalogInfo(&ref,
+                                             (which & kFSCatInfoPermissions) | kFSCatInfoNodeID |
+                                                 kFSCatInfoVolume |
+                                                 (locked ? kFSCatInfoNodeFlags : 0),
+                                             &info, nullptr, nullptr, nullptr)) != noErr) {
         return false;
     }
     // The reference must be to the item created, as its name showed a moment ago. The
@@ -646,10 +651,10 @@ bool apply_item_info(Receive& rx, Item& item) {
     }
     // The catalog sets the access and modification times too, on the item the reference
     // holds; setting them again by name would reach whatever the name holds by then.
-    if (FSSetCatalogInfo(&ref, which, &info) != noErr) return false;
+    if (QVX_DEPRECATED_CALL(FSSetCatalogInfo(&ref, which, &info)) != noErr) return false;
     if (!locked) return true;
     info.nodeFlags |= kFSNodeLockedMask;
-    return FSSetCatalogInfo(&ref, kFSCatInfoNodeFlags, &info) == noErr;
+    return QVX_DEPRECATED_CALL(FSSetCatalogInfo(&ref, kFSCatInfoNodeFlags, &info)) == noErr;
 }
 
 uint32_t receive_level(Receive& rx, uint32_t level) {
@@ -732,13 +737,14 @@ uint32_t receive_tree(const DnDContext& ctx, const std::string& destination, int
     // path be followed, as opening it did, and the node number shows it is the same one.
     struct stat rootStat {};
     FSCatalogInfo rootInfo{};
-    const bool ready = root != -1 && buffer && platform::sys_fstat(root, &rootStat) == 0 &&
-                       FSPathMakeRefWithOptions(
-                           reinterpret_cast<const UInt8*>((destination + "/.").c_str()),
-                           kFSPathMakeRefDoNotFollowLeafSymlink, &rx.destRef, nullptr) == noErr &&
-                       FSGetCatalogInfo(&rx.destRef, kFSCatInfoNodeID | kFSCatInfoVolume, &rootInfo,
-                                        nullptr, nullptr, nullptr) == noErr &&
-                       rootInfo.nodeID == static_cast<UInt32>(rootStat.st_ino);
+    const bool ready =
+        root != -1 && buffer && platform::sys_fstat(root, &rootStat) == 0 &&
+        QVX_DEPRECATED_CALL(FSPathMakeRefWithOptions(
+            reinterpret_cast<const UInt8*>((destination + "/.").c_str()),
+            kFSPathMakeRefDoNotFollowLeafSymlink, &rx.destRef, nullptr)) == noErr &&
+        QVX_DEPRECATED_CALL(FSGetCatalogInfo(&rx.destRef, kFSCatInfoNodeID | kFSCatInfoVolume,
+                                             &rootInfo, nullptr, nullptr, nullptr)) == noErr &&
+        rootInfo.nodeID == static_cast<UInt32>(rootStat.st_ino);
     if (!ready) {
         SendDialog(ctx, notice::kFailed.dialogId, notice::kFailed.code, u"");
         return kTransferFailed;
@@ -748,8 +754,8 @@ uint32_t receive_tree(const DnDContext& ctx, const std::string& destination, int
 }
 
 uint32_t receive_tree(const DnDContext& ctx, const std::string& destination) {
-    const UniqueFd root(
-        platform::sys_open(destination.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    const UniqueFd root(platform::sys_open(
+        destination.c_str(), platform::kOpenPath | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     return receive_tree(ctx, destination, root.get(), UINT64_MAX);
 }
 

@@ -18,6 +18,7 @@
 #include <memory>
 #include <new>
 
+#include "common/deprecated_call.h"
 #include "fs/fs_helpers.h"
 #include "fs/host_file.h"
 #include "platform/seams/syscalls.h"
@@ -272,9 +273,9 @@ uint32_t SendWalk::run(const std::string& path, size_t nameOffset) {
     m_leaf = path;
     m_name = Utf8ToUtf16(path.data() + nameOffset, path.size() - nameOffset);
     FSRef ref;
-    if (m_name.empty() ||
-        FSPathMakeRefWithOptions(reinterpret_cast<const UInt8*>(path.c_str()),
-                                 kFSPathMakeRefDoNotFollowLeafSymlink, &ref, nullptr) != noErr) {
+    if (m_name.empty() || QVX_DEPRECATED_CALL(FSPathMakeRefWithOptions(
+                              reinterpret_cast<const UInt8*>(path.c_str()),
+                              kFSPathMakeRefDoNotFollowLeafSymlink, &ref, nullptr)) != noErr) {
         notice(notice::kFailed);
         return kTransferFailed;
     }
@@ -307,9 +308,9 @@ uint32_t SendWalk::run(const std::string& path, size_t nameOffset) {
         m_name.resize(top.nameUnits);
         const std::u16string leafUnits = Utf8ToUtf16(m_leaf);
         if (leafUnits.empty() ||
-            FSMakeFSRefUnicode(&top.ref, leafUnits.size(),
-                               reinterpret_cast<const UniChar*>(leafUnits.data()),
-                               kTextEncodingUnknown, &ref) != noErr) {
+            QVX_DEPRECATED_CALL(FSMakeFSRefUnicode(
+                &top.ref, leafUnits.size(), reinterpret_cast<const UniChar*>(leafUnits.data()),
+                kTextEncodingUnknown, &ref)) != noErr) {
             notice(notice::kFailed);
             return kTransferFailed;
         }
@@ -504,9 +505,10 @@ bool SendWalk::rebuild_ref(size_t index) {
     for (size_t i = from; i <= index; ++i) {
         const size_t start = m_levels[i - 1].nameUnits + 1;
         FSRef next;
-        if (FSMakeFSRefUnicode(parent, m_levels[i].nameUnits - start,
-                               reinterpret_cast<const UniChar*>(m_name.data() + start),
-                               kTextEncodingUnknown, &next) != noErr)
+        if (QVX_DEPRECATED_CALL(
+                FSMakeFSRefUnicode(parent, m_levels[i].nameUnits - start,
+                                   reinterpret_cast<const UniChar*>(m_name.data() + start),
+                                   kTextEncodingUnknown, &next)) != noErr)
             return false;
         current = std::move(next);
         parent = &current;
@@ -520,7 +522,8 @@ bool SendWalk::rebuild_ref(size_t index) {
 bool read_item_info(ItemInfo& info, const FSRef& ref) {
     info.attributes = 0;
     FSCatalogInfo catalog{};
-    if (FSGetCatalogInfo(&ref, kItemInfoFields, &catalog, nullptr, nullptr, nullptr) != noErr)
+    if (QVX_DEPRECATED_CALL(
+            FSGetCatalogInfo(&ref, kItemInfoFields, &catalog, nullptr, nullptr, nullptr)) != noErr)
         return false;
     FileInfo finder;
     std::memcpy(&finder, catalog.finderInfo, sizeof finder);
@@ -541,8 +544,9 @@ bool read_item_info(ItemInfo& info, const std::string& path) {
     info.path = path;
     info.attributes = 0;
     FSRef ref;
-    if (FSPathMakeRefWithOptions(reinterpret_cast<const UInt8*>(path.c_str()),
-                                 kFSPathMakeRefDoNotFollowLeafSymlink, &ref, nullptr) != noErr)
+    if (QVX_DEPRECATED_CALL(FSPathMakeRefWithOptions(reinterpret_cast<const UInt8*>(path.c_str()),
+                                                     kFSPathMakeRefDoNotFollowLeafSymlink, &ref,
+                                                     nullptr)) != noErr)
         return false;
     return read_item_info(info, ref);
 }

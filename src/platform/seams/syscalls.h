@@ -2,6 +2,7 @@
 #pragma once
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/types.h>
@@ -24,6 +25,14 @@ struct open_how;
 #endif
 
 namespace platform {
+
+// Open flags for a descriptor that only names its object, for the *at calls and fstat:
+// O_PATH where the system has it; macOS has none and opens the object for reading.
+#ifdef O_PATH
+inline constexpr int kOpenPath = O_PATH;
+#else
+inline constexpr int kOpenPath = O_RDONLY;
+#endif
 
 // Every call the file-access code makes. Tests install a copy with some members replaced;
 // fcntl and ioctl understand the macOS requests above and those of <sys/disk.h>.
@@ -202,5 +211,12 @@ int sys_symlinkat(const char* target, int dirFd, const char* name);
 int sys_rename_noreplace(int fromDirFd, const char* from, int toDirFd, const char* to);
 int sys_rename_exchange(int fromDirFd, const char* from, int toDirFd, const char* to);
 int sys_fdatasync(int fd);
+
+// Opens `name` beneath `dirFd` in one call, the kernel refusing any link on the way (ELOOP)
+// and any way out: openat2 with RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS |
+// RESOLVE_NO_MAGICLINKS on Linux, openat with O_NOFOLLOW_ANY on macOS. The name holds no
+// ".." and no leading slash (the caller refuses those). ENOSYS where the kernel cannot,
+// EAGAIN when a race elsewhere asks for another try. O_CLOEXEC is added.
+int sys_open_beneath(int dirFd, const char* name, int flags, mode_t mode);
 
 }  // namespace platform

@@ -65,4 +65,9 @@ ssize_t system_flistxattr(int fd, char* list, size_t size) {
     return ::flistxattr(fd, list, size, 0);
 }
 
+// O_NOFOLLOW_ANY (macOS 11) refuses a link in any component, the last one included.
+int sys_open_beneath(int dirFd, const char* name, int flags, mode_t mode) {
+    return sys_openat(dirFd, name, flags | O_NOFOLLOW_ANY | O_CLOEXEC, mode);
+}
+
 }  // namespace platform

@@ -65,4 +65,13 @@ ssize_t system_flistxattr(int fd, char* list, size_t size) {
     return ::flistxattr(fd, list, size);
 }
 
+int sys_open_beneath(int dirFd, const char* name, int flags, mode_t mode) {
+    open_how how{};
+    how.flags = static_cast<uint64_t>(flags | O_CLOEXEC);
+    // openat2 refuses a mode that nothing creates with; O_TMPFILE includes O_DIRECTORY.
+    how.mode = ((flags & O_CREAT) || (flags & O_TMPFILE) == O_TMPFILE) ? mode : 0;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+    return sys_openat2(dirFd, name, &how, sizeof how);
+}
+
 }  // namespace platform
