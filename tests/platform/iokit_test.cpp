@@ -21,6 +21,7 @@
 
 #include <IOKit/IOKitLib.h>
 
+#include "channel/communicator.h"
 #include "common/byte_order.h"
 #include "common/signal_block.h"
 #include "common/toolgate_abi.h"
@@ -28,6 +29,7 @@
 #include "platform/sim/toolgate_frames.h"
 #include "support/private_root.h"
 #include "support/temp_dir.h"
+#include "toolservice/transport.h"
 
 namespace {
 
@@ -383,6 +385,35 @@ TEST_F(IOKitTest, LargeReplyArrivesWholeAndASignalEndsAWaitInMidReply) {
     EXPECT_EQ(peer.accepted(), 2);
     IOServiceClose(connect);
     std::signal(SIGUSR1, previous);
+}
+
+// The request codes as the driver reads them: the simulated host shares the tool's names
+// for them, so only this peer, which knows the numbers, shows a code that drifted.
+TEST_F(IOKitTest, DnDExchangesAndToolServiceRequestsReachTheDriverWithTheirCodes) {
+    std::mutex mutex;
+    std::vector<uint32_t> codes;
+    RawPeer peer(
+        "QvxPCIToolGate",
+        [&](const std::vector<uint8_t>& body) -> std::optional<std::vector<uint8_t>> {
+            toolgate::RequestView view;
+            if (!toolgate::parse_request(body.data(), body.size(), view))
+                return std::vector<uint8_t>{};
+            std::lock_guard lock(mutex);
+            codes.push_back(view.code);
+            std::vector<uint8_t> out(toolgate::reply_header_bytes(view.count));
+            const uint32_t written[toolgate::kMaxBuffers] = {};
+            toolgate::encode_reply_header(out.data(), 0, written, view.count);
+            return out;
+        },
+        1 << 16);
+    qvx::ServiceHandle handle{};
+    ASSERT_EQ(qvx::service_open(&handle, 2 /* driver only */), 0);
+    qvx::service_close(&handle);
+    qvx::CommonMacCommunicator communicator;
+    std::vector<uint8_t> out(2196), reply(2196);
+    EXPECT_TRUE(qvx::SendDnDCommand(&communicator, out.data(), 2196, reply.data(), 2196));
+    std::lock_guard lock(mutex);
+    EXPECT_EQ(codes, (std::vector<uint32_t>{0x8050, 0x8304}));
 }
 
 }  // namespace
