@@ -416,4 +416,29 @@ TEST_F(IOKitTest, DnDExchangesAndToolServiceRequestsReachTheDriverWithTheirCodes
     EXPECT_EQ(codes, (std::vector<uint32_t>{0x8050, 0x8304}));
 }
 
+// A busy driver (0xF0000025) is asked again; any other failure, such as suspended
+// (0xF0000020), refuses the tool service at once.
+TEST_F(IOKitTest, ToolServiceProbeRetriesABusyDriverOnly) {
+    const struct {
+        std::vector<uint32_t> statuses;
+        int32_t result;
+        int requests;
+    } cases[] = {{{0xF0000025, 0}, 0, 2}, {{0xF0000020, 0}, -6, 1}};
+    for (const auto& c : cases) {
+        std::atomic<size_t> next{0};
+        RawPeer peer(
+            "QvxPCIToolGate",
+            [&](const std::vector<uint8_t>&) -> std::optional<std::vector<uint8_t>> {
+                std::vector<uint8_t> out(toolgate::reply_header_bytes(0));
+                toolgate::encode_reply_header(out.data(), c.statuses[next++ % 2], nullptr, 0);
+                return out;
+            },
+            1 << 16);
+        qvx::ServiceHandle handle{};
+        EXPECT_EQ(qvx::service_open(&handle, 2 /* driver only */), c.result);
+        qvx::service_close(&handle);
+        EXPECT_EQ(peer.requests(), c.requests);
+    }
+}
+
 }  // namespace
