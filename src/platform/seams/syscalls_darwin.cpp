@@ -6,9 +6,8 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#include <cstdio>
-
 #include <cerrno>
+#include <cstdio>
 
 #include "platform/seams/syscalls_system.h"
 
@@ -63,6 +62,19 @@ int system_fremovexattr(int fd, const char* name) {
 }
 ssize_t system_flistxattr(int fd, char* list, size_t size) {
     return ::flistxattr(fd, list, size, 0);
+}
+
+int system_rename_noreplace(int fromDirFd, const char* from, int toDirFd, const char* to) {
+    return ::renameatx_np(fromDirFd, from, toDirFd, to, RENAME_EXCL);
+}
+int system_rename_exchange(int fromDirFd, const char* from, int toDirFd, const char* to) {
+    return ::renameatx_np(fromDirFd, from, toDirFd, to, RENAME_SWAP);
+}
+// macOS's fsync leaves the data in the drive's cache; F_FULLFSYNC flushes that too, on the
+// file systems that can (others get the plain fsync).
+int system_fdatasync(int fd) {
+    if (::fcntl(fd, F_FULLFSYNC) == 0) return 0;
+    return ::fsync(fd);
 }
 
 // O_NOFOLLOW_ANY (macOS 11) refuses a link in any component, the last one included.

@@ -65,6 +65,16 @@ ssize_t system_flistxattr(int fd, char* list, size_t size) {
     return ::flistxattr(fd, list, size);
 }
 
+int system_rename_noreplace(int fromDirFd, const char* from, int toDirFd, const char* to) {
+    return ::renameat2(fromDirFd, from, toDirFd, to, RENAME_NOREPLACE);
+}
+int system_rename_exchange(int fromDirFd, const char* from, int toDirFd, const char* to) {
+    return ::renameat2(fromDirFd, from, toDirFd, to, RENAME_EXCHANGE);
+}
+int system_fdatasync(int fd) {
+    return ::fdatasync(fd);
+}
+
 int sys_open_beneath(int dirFd, const char* name, int flags, mode_t mode) {
     open_how how{};
     how.flags = static_cast<uint64_t>(flags | O_CLOEXEC);
