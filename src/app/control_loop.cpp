@@ -14,16 +14,6 @@
 
 namespace qvx {
 
-std::atomic<bool> g_stopFlag{false};
-
-namespace {
-
-bool stopping() {
-    return g_stopFlag.load(std::memory_order_relaxed);
-}
-
-}  // namespace
-
 ControlLoopHooks default_control_loop_hooks() {
     // The registration calls are overloaded; the casts pick the forms the loop uses.
     using RegisterTool =
@@ -54,13 +44,13 @@ void RunControlLoop(CommonMacCommunicator* communicator, const SendFunction& sen
 
     uint8_t poll[dnd::kMessageSize];
     uint8_t reply[dnd::kMessageSize];
-    while (!stopping()) {
+    while (!stop_requested()) {
         // The poll asks for the next command of any operation, so it carries worker 0
         // even after a reply has named one.
         dnd::init_message(poll, sizeof poll, dnd::kCmdPoll, 0);
         std::memset(reply, 0, sizeof reply);
         if (!send(communicator, poll, sizeof poll, reply, sizeof reply)) {
-            if (stopping()) break;
+            if (stop_requested()) break;
             platform::clock_sleep(1);
             continue;
         }
@@ -70,6 +60,11 @@ void RunControlLoop(CommonMacCommunicator* communicator, const SendFunction& sen
             log_message("DNDTOOL", "qvxdragdrop", 1, "DnD command received [%d]",
                         static_cast<int>(hostCommand));
 
+        // Only a held poll and the sleep after a failed one are for the stop's SIGINT to
+        // end. An exchange that it cut short could be one the host had already acted on (a
+        // 258 given a new worker, a 275 that pressed the pointer), leaving an operation the
+        // guest no longer follows; the handlers' waits notice the stop flag themselves.
+        const ScopedSignalBlock dispatching({SIGINT});
         switch (hostCommand) {
             case dnd::kHostCmdGuestToHost:
                 hooks.guestToHostDrag(context);

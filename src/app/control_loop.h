@@ -6,15 +6,13 @@
 #include <functional>
 
 #include "channel/message_ops.h"
+#include "common/stop_flag.h"
 #include "toolservice/registration.h"
 
 namespace qvx {
 
 inline constexpr const char* kToolIdentifier = "quorvex.DragDropTool.guest.mac";
 inline constexpr const char* kToolDisplayName = "DnD tool";
-
-// Set once by the stop sequence; the control loop only reads it.
-extern std::atomic<bool> g_stopFlag;
 
 // What the loop calls beyond the message operations; a test replaces them the way it
 // replaces the send function, with callables that may hold their own state.

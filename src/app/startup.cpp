@@ -82,8 +82,11 @@ void* relay_thread(void*) {
         const ssize_t n = ::read(g_signalPipe[0], &byte, 1);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return nullptr;  // write end closed: the tool is leaving
+        // In the common modes, unlike the drag blocks: a drag the tool's view runs keeps
+        // the main thread in event tracking until the pointer is released, and a stop must
+        // not wait for a release that only the host can make.
         CFRunLoopRef main = CFRunLoopGetMain();
-        CFRunLoopPerformBlock(main, kCFRunLoopDefaultMode, [] { stop_sequence(); });
+        CFRunLoopPerformBlock(main, kCFRunLoopCommonModes, [] { stop_sequence(); });
         CFRunLoopWakeUp(main);
     }
 }
@@ -223,6 +226,8 @@ void AppDelegate::applicationWillFinishLaunching(NSNotification*) {
         if (!g_pool->Init()) {
             log_message(kTag, kComponent, 0, "Can't init DnD thread pool");
         } else {
+            // Before the control thread, whose first command may already be a drag.
+            g_dragPool = g_pool;
             g_controlEnded = false;
             int rc;
             {
@@ -238,9 +243,9 @@ void AppDelegate::applicationWillFinishLaunching(NSNotification*) {
         }
         if (started) {
             g_controlThreadRunning = true;
-            g_dragPool = g_pool;
             return;
         }
+        g_dragPool = nullptr;
         g_pool->Destroy();
         delete g_pool;
         g_pool = nullptr;
@@ -260,9 +265,10 @@ void stop_sequence() {
     // Ends the wait for the host's answer to a poll (held until the host has a command) or
     // the one-second sleep after a failed one. A SIGINT that lands just before the thread
     // starts to wait is spent on nothing, so it is repeated until the thread has ended;
-    // the loop blocks it once it has left, so that none cuts short the 257 or the
-    // unregistration. The same handler runs on the control thread and queues further
-    // stop blocks behind this one, which never run.
+    // the loop blocks it while a handler runs (whose waits see the flag) and once it has
+    // left, so that none cuts short a handler's exchange, the 257 or the unregistration.
+    // The same handler runs on the control thread and queues further stop blocks behind
+    // this one, which never run.
     {
         std::unique_lock lock(g_controlEndMutex);
         do {

@@ -16,6 +16,7 @@
 
 #include "app/dnd_pool.h"
 #include "channel/dnd_message.h"
+#include "common/stop_flag.h"
 #include "log/log.h"
 #include "platform/seams/clock.h"
 #include "ui/overlay.h"
@@ -94,35 +95,55 @@ std::optional<ParkedAt> ParkPoint(int x, int yc) {
     return park;
 }
 
-bool SimulateDrop(const DnDContext& context, int x, int y, int px, int py) {
+namespace {
+
+// Sleeps in polling steps for `seconds`; false when the tool began to stop meanwhile.
+bool pause(unsigned seconds) {
+    for (useconds_t slept = 0; slept < seconds * 1000000u; slept += kPollMicros) {
+        if (stop_requested()) return false;
+        platform::clock_usleep(kPollMicros);
+    }
+    return !stop_requested();
+}
+
+}  // namespace
+
+bool SimulateDrop(const DnDContext& context, uint64_t operation, int x, int y, int px, int py) {
     if (!SendChecked(context, dnd::kCmd279)) return false;
     const double s = backing_scale_factor();
     const double h = main_screen_height();
+    const uint32_t parkX = wire(px * s), parkY = wire((h - py) * s);
     // Press on the overlay's centre (its view starts the promised-files drag), pass one
     // point right of the target, and a second later onto it, so that the pointer moves
     // over the target twice before the release.
-    bool moved = sendMoveMouse(context, wire(px * s), wire((h - py) * s), kButtonPressed) &&
-                 sendMoveMouse(context, wire((x + 1.0) * s), wire(y * s), kButtonHeld);
-    if (moved) {
-        platform::clock_sleep(kPauseSeconds);
-        moved = sendMoveMouse(context, wire(x * s), wire(y * s), kButtonHeld) &&
-                sendMoveMouse(context, wire(x * s), wire(y * s), kButtonReleased);
-    }
+    const bool moved = sendMoveMouse(context, parkX, parkY, kButtonPressed) &&
+                       sendMoveMouse(context, wire((x + 1.0) * s), wire(y * s), kButtonHeld) &&
+                       pause(kPauseSeconds) &&
+                       sendMoveMouse(context, wire(x * s), wire(y * s), kButtonHeld) &&
+                       sendMoveMouse(context, wire(x * s), wire(y * s), kButtonReleased);
     if (!moved) {
+        // The press may have started the view's drag, and a drag runs the main thread in
+        // event tracking until the button goes up: no default-mode block (the hide, the
+        // next show) runs before that. Only a release ends it, and the host makes the
+        // releases, so it is asked for one where the press was. The operation is settled
+        // first: whatever that release lands on starts no job for it. Should the host fail
+        // this release too, the drag lasts until the button next goes up (the host's next
+        // drop, or the user), and acts on nothing meanwhile.
+        const DropOutcome outcome = settle_drop(operation);
+        sendMoveMouse(context, parkX, parkY, kButtonReleased);
         SendPlain(context, dnd::kCmdTransferStart);
-        return false;
+        return outcome == DropOutcome::Started;
     }
     const time_t t1 = platform::clock_time();
-    while (platform::clock_time() - t1 < kHostWaitSeconds) {
-        if (filesDropped.load()) {
-            SendPlain(context, dnd::kCmdTransferStart);
-            return true;
-        }
+    while (platform::clock_time() - t1 < kHostWaitSeconds && !stop_requested() &&
+           drop_outcome(operation) == DropOutcome::Waiting)
         platform::clock_usleep(kPollMicros);
-    }
-    send_failure_dialog(context);
+    // A drop that came after the time-out (or a receive job that could not start) is
+    // refused as a whole: exactly one 260 ends the operation, the job's or the loop's.
+    const bool started = settle_drop(operation) == DropOutcome::Started;
+    if (!started) send_failure_dialog(context);
     SendPlain(context, dnd::kCmdTransferStart);
-    return false;
+    return started;
 }
 
 bool HandleHostToGuestDrag(DnDContext context, int x, int y) {
@@ -146,12 +167,16 @@ bool HandleHostToGuestDrag(DnDContext context, int x, int y) {
     }
     const ParkedAt at = *park;
     const uint64_t worker = context.workerId;
-    post_to_main([at, worker] { show_overlay(at.x, at.y, worker); });
+    const uint64_t operation = open_drop();
+    post_to_main([at, worker, operation] { show_overlay(at.x, at.y, worker, operation); });
 
     bool listed = false;
     const time_t t0 = platform::clock_time();
-    while (platform::clock_time() - t0 < kHostWaitSeconds) {
-        if (overlayWindow.load() != nullptr && overlay_listing() == 1) {
+    while (platform::clock_time() - t0 < kHostWaitSeconds && !stop_requested()) {
+        // Only once this operation's show has run: the window may still be listed for an
+        // earlier one whose drag the host never released, and a press would serve that.
+        if (overlayWindow.load() != nullptr && overlayOperation.load() == operation &&
+            overlay_listing() == 1) {
             listed = true;
             break;
         }
@@ -159,8 +184,9 @@ bool HandleHostToGuestDrag(DnDContext context, int x, int y) {
     }
     bool result = false;
     if (listed) {
-        result = SimulateDrop(context, x, y, at.x, at.y);
+        result = SimulateDrop(context, operation, x, y, at.x, at.y);
     } else {
+        settle_drop(operation);
         send_failure_dialog(context);
     }
     post_hide();
@@ -170,13 +196,15 @@ bool HandleHostToGuestDrag(DnDContext context, int x, int y) {
 void HandleGuestToHostDrag(DnDContext context) {
     clear_dragged_paths();
     const NSPoint start = NSEvent::mouseLocation();
-    post_to_main([start] { show_overlay(to_int(start.x), to_int(start.y), 0); });
+    post_to_main([start] { show_overlay(to_int(start.x), to_int(start.y), 0, 0); });
 
     const time_t t0 = platform::clock_time();
     std::vector<std::string> paths;
     bool caught = false;
     for (;;) {
-        if (platform::clock_time() - t0 > kGuestWaitSeconds || !left_button_down()) break;
+        if (platform::clock_time() - t0 > kGuestWaitSeconds || !left_button_down() ||
+            stop_requested())
+            break;
         if (overlayWindow.load() == nullptr) {
             platform::clock_usleep(kPollMicros);
             continue;
@@ -205,7 +233,7 @@ void HandleGuestToHostDrag(DnDContext context) {
     if (!SendFileList(context, false, paths, &newWorker, &action)) {
         post_hide();
         // The host learns of the end only once the overlay can no longer take the drag.
-        while (platform::clock_time() - t0 <= kGuestWaitSeconds) {
+        while (platform::clock_time() - t0 <= kGuestWaitSeconds && !stop_requested()) {
             const CFIndex listed = overlay_listing();
             if (listed <= 0) break;
             platform::clock_usleep(kPollMicros);
@@ -220,10 +248,18 @@ void HandleGuestToHostDrag(DnDContext context) {
     const uint32_t py = screens.empty() ? 0 : wire((main_screen_height() - p.y) * s);
     sendMoveMouse(context, wire(p.x * s), py, kButtonHeld);
     SendChecked(context, dnd::kCmd273);
-    if (g_dragPool) g_dragPool->StartSend(newWorker, action, paths, dragged);
+    if (g_dragPool == nullptr || !g_dragPool->StartSend(newWorker, action, paths, dragged)) {
+        // The job would have ended the new worker's operation; without one the host would
+        // wait for that 260 for ever.
+        send_failure_dialog(context);
+        SendPlain(context, dnd::kCmdEnd);
+    }
 
+    // The drag ends over the overlay once the host has released the pointer; hidden
+    // earlier, the overlay would let that release drop the files on whatever lies beneath.
     const time_t t1 = platform::clock_time();
-    while (platform::clock_time() - t1 <= kGuestWaitSeconds && !dragEnded.load())
+    while (platform::clock_time() - t1 <= kGuestWaitSeconds && !dragEnded.load() &&
+           !stop_requested())
         platform::clock_usleep(kPollMicros);
     post_hide();
 }

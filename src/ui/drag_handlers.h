@@ -9,7 +9,8 @@ namespace qvx {
 
 // Host command 200: files dragged on the host were dropped at (x, y), points with the
 // origin at the upper left of the main screen. True when the guest took the drop over;
-// false makes the control loop end the operation with 260.
+// false makes the control loop end the operation with 260. Every wait of both handlers
+// ends, as its time-out would, once the tool begins to stop.
 bool HandleHostToGuestDrag(DnDContext context, int x, int y);
 
 // Where the overlay waits to be pressed for a drop at x and yc (window-system points):
@@ -21,10 +22,11 @@ struct ParkedAt {
 };
 std::optional<ParkedAt> ParkPoint(int x, int yc);
 
-// The guest-side drag of a host drop: the host presses the pointer on the overlay parked
-// at (px, py), moves it to the drop point (x, y) and releases it there; true once the
-// destination accepted the promised files.
-bool SimulateDrop(const DnDContext& context, int x, int y, int px, int py);
+// The guest-side drag of the host drop `operation` (open_drop): the host presses the
+// pointer on the overlay parked at (px, py), moves it to the drop point (x, y) and releases
+// it there; true once the destination accepted the promised files and their receive job
+// started.
+bool SimulateDrop(const DnDContext& context, uint64_t operation, int x, int y, int px, int py);
 
 // Host command 204: a guest drag has reached the host. The control loop sends 260 when
 // this returns.

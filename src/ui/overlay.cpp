@@ -17,10 +17,18 @@ pthread_mutex_t g_globalMutex;
 std::vector<std::string> draggedPaths;
 std::atomic<NSWindow*> overlayWindow{nullptr};
 std::atomic<NSInteger> overlayWindowNumber{0};
-std::atomic<uint8_t> filesDropped{0};
+std::atomic<uint64_t> overlayOperation{0};
 std::atomic<uint8_t> dragEnded{0};
 
 namespace {
+
+// The drop slot. Held while the view starts the receive, so that the handler giving up
+// cannot slip in between the drop's claim and its job.
+std::mutex g_dropMutex;
+uint64_t g_lastOperation = 0;
+uint64_t g_waitingOperation = 0;  // 0: no drop waits
+uint64_t g_settledOperation = 0;
+DropOutcome g_settled = DropOutcome::Failed;
 
 constexpr double kHalfSide = 100;            // the window is 200 x 200 points
 constexpr NSWindowStyleMask kStyleMask = 6;  // closable and miniaturizable, no title bar
@@ -42,10 +50,10 @@ void mark_window(NSWindow* window) {
     CFRelease(key);
 }
 
-NSWindow* make_overlay(int x, int y, uint64_t workerId) {
+NSWindow* make_overlay(int x, int y, uint64_t workerId, uint64_t operation) {
     auto* window = new NSWindow(frame_around(x, y), kStyleMask, NSBackingStoreBuffered, NO);
     auto* view = new CView();
-    view->setWorker(workerId);
+    view->setWorker(workerId, operation);
     view->setAutoresizingMask(kAutoresizing);
     window->setContentView(view);
     view->registerForDraggedTypes(
@@ -76,17 +84,49 @@ void clear_dragged_paths() {
     pthread_mutex_unlock(&g_globalMutex);
 }
 
-bool show_overlay(int x, int y, uint64_t workerId) {
+uint64_t open_drop() {
+    std::lock_guard lock(g_dropMutex);
+    g_waitingOperation = ++g_lastOperation;
+    return g_waitingOperation;
+}
+
+DropOutcome drop_outcome(uint64_t operation) {
+    std::lock_guard lock(g_dropMutex);
+    if (operation == g_waitingOperation) return DropOutcome::Waiting;
+    return operation == g_settledOperation ? g_settled : DropOutcome::Failed;
+}
+
+DropOutcome settle_drop(uint64_t operation) {
+    std::lock_guard lock(g_dropMutex);
+    if (operation == g_waitingOperation) {
+        g_waitingOperation = 0;
+        g_settledOperation = operation;
+        g_settled = DropOutcome::Failed;
+    }
+    return operation == g_settledOperation ? g_settled : DropOutcome::Failed;
+}
+
+bool take_drop(uint64_t operation, const std::function<bool()>& start) {
+    std::lock_guard lock(g_dropMutex);
+    if (operation == 0 || operation != g_waitingOperation) return false;
+    g_waitingOperation = 0;
+    g_settledOperation = operation;
+    g_settled = start() ? DropOutcome::Started : DropOutcome::Failed;
+    return g_settled == DropOutcome::Started;
+}
+
+bool show_overlay(int x, int y, uint64_t workerId, uint64_t operation) {
     NSWindow* window = overlayWindow.load();
     if (window == nullptr) {
-        window = make_overlay(x, y, workerId);
+        window = make_overlay(x, y, workerId, operation);
         overlayWindowNumber.store(window->windowNumber());
         overlayWindow.store(window);
-        return true;
+    } else {
+        static_cast<CView*>(window->contentView())->setWorker(workerId, operation);
+        window->orderBack(nil);
+        window->setFrame(frame_around(x, y), YES);
     }
-    static_cast<CView*>(window->contentView())->setWorker(workerId);
-    window->orderBack(nil);
-    window->setFrame(frame_around(x, y), YES);
+    overlayOperation.store(operation);
     return true;
 }
 

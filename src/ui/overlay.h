@@ -36,10 +36,26 @@ extern std::vector<std::string> draggedPaths;
 // before it, so a reader that sees the window also sees its number.
 extern std::atomic<NSWindow*> overlayWindow;
 extern std::atomic<NSInteger> overlayWindowNumber;
-// Set by the view: a promised-files drop was accepted; a drag over the view ended.
-// Both are cleared by each show.
-extern std::atomic<uint8_t> filesDropped;
+// The drop operation of the latest show, stored once the show is done: a handler presses
+// only a window shown for its own operation.
+extern std::atomic<uint64_t> overlayOperation;
+// Set by the view when a drag over it ended; cleared by each show.
 extern std::atomic<uint8_t> dragEnded;
+
+// The host drop whose handler waits for the promised files, tied to its operation: only
+// the drag pressed on the overlay shown for that operation may start its receive, and only
+// while the handler still waits. Whichever comes first, the drop or the handler giving up,
+// settles it, so a drop either starts the operation's one receive job or nothing, and a
+// stale drag (one the host never released) can never act on a later operation.
+enum class DropOutcome { Waiting, Started, Failed };
+// Control thread, before the show: a new operation number (never 0), waiting.
+uint64_t open_drop();
+DropOutcome drop_outcome(uint64_t operation);
+// The handler gives up: Failed, unless the drop came first and its job started.
+DropOutcome settle_drop(uint64_t operation);
+// Main thread, the drop: when `operation` still waits, settles it with what `start` (which
+// starts the receive job) returns and gives that; false without calling it otherwise.
+bool take_drop(uint64_t operation, const std::function<bool()>& start);
 
 bool init_global_mutex();
 void destroy_global_mutex();
@@ -47,9 +63,9 @@ void destroy_global_mutex();
 void clear_dragged_paths();
 
 // Main thread only. Shows the 200 x 200 point overlay centred on (x, y) (window-system
-// points) serving `workerId`, making it on first use; moves it; orders it out. Each
-// returns true.
-bool show_overlay(int x, int y, uint64_t workerId);
+// points) serving `workerId` and the drop `operation` (0 for a guest drag), making it on
+// first use; moves it; orders it out. Each returns true.
+bool show_overlay(int x, int y, uint64_t workerId, uint64_t operation);
 bool move_overlay(int x, int y);
 bool hide_overlay();
 

@@ -12,9 +12,9 @@
 
 namespace qvx {
 
-void CView::setWorker(uint64_t worker) {
+void CView::setWorker(uint64_t worker, uint64_t operation) {
     m_worker = worker;
-    filesDropped.store(0);
+    m_operation = operation;
     dragEnded.store(0);
 }
 
@@ -49,14 +49,17 @@ void CView::draggingEnded(NSDraggingInfo*) {
 }
 
 std::shared_ptr<NSArray> CView::namesOfPromisedFilesDroppedAtDestination(NSURL* dropDestination) {
-    filesDropped.store(1);
     std::string destination;
     if (dropDestination) CFStringToUtf8(dropDestination->path(), destination);
-    if (g_dragPool) g_dragPool->StartReceive(m_worker, destination);
+    take_drop(m_dragOperation, [&] {
+        return g_dragPool != nullptr && g_dragPool->StartReceive(m_dragWorker, destination);
+    });
     return NSArray::array();
 }
 
 void CView::mouseDown(NSEvent* event) {
+    m_dragWorker = m_worker;
+    m_dragOperation = m_operation;
     const NSPoint p = convertPoint(event->locationInWindow(), nil);
     // One promised type, the empty one: the destination learns nothing of the files
     // before they arrive.

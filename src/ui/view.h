@@ -12,19 +12,20 @@ namespace qvx {
 // Every method runs on the main thread.
 class CView : public NSView, public NSDraggingDestination, public NSDraggingSource {
   public:
-    // The host-to-guest operation the view serves (0 for a guest-to-host drag); clears
-    // filesDropped and dragEnded.
-    void setWorker(uint64_t worker);
+    // The host-to-guest operation the view serves, its worker and its drop (both 0 for a
+    // guest-to-host drag); clears dragEnded.
+    void setWorker(uint64_t worker, uint64_t operation);
     // Collects the file names of the drag into draggedPaths: copy when there are some,
     // no operation otherwise.
     NSDragOperation draggingEntered(NSDraggingInfo* sender) override;
     void draggingExited(NSDraggingInfo* sender) override;
     void draggingEnded(NSDraggingInfo* sender) override;
-    // The promised files were dropped on a folder: sets filesDropped and starts the job
-    // that receives them there. Names no files itself.
+    // The promised files were dropped on a folder: starts the job that receives them
+    // there, when the drag's operation still waits for its drop. Names no files itself.
     std::shared_ptr<NSArray> namesOfPromisedFilesDroppedAtDestination(
         NSURL* dropDestination) override;
-    // A click starts the promised-files drag; returns when that drag is over.
+    // A click starts the promised-files drag for the operation the view serves now;
+    // returns when that drag is over.
     void mouseDown(NSEvent* event) override;
     // Shows a one-point image for the drag.
     void dragImage(NSImage* image, NSPoint at, NSSize offset, NSEvent* event, NSPasteboard* pboard,
@@ -34,6 +35,10 @@ class CView : public NSView, public NSDraggingDestination, public NSDraggingSour
 
   private:
     uint64_t m_worker = 0;
+    uint64_t m_operation = 0;
+    // Of the drag in progress, taken at its press.
+    uint64_t m_dragWorker = 0;
+    uint64_t m_dragOperation = 0;
 };
 
 }  // namespace qvx

@@ -44,8 +44,10 @@ struct SentRecord {
 // where it is. Thread-safe: the control thread and job threads send through it.
 class ScriptedHost {
   public:
-    // Reply status per command (0 when not set) and the values the replies carry.
+    // Reply status per command, or for the n-th record (from 1) of a command (0 when not
+    // set), and the values the replies carry. A 275 answered with a failure moves nothing.
     std::map<uint32_t, uint32_t> status;
+    std::map<std::pair<uint32_t, unsigned>, uint32_t> nthStatus;
     uint32_t prepareValue = 0;
     uint64_t newWorker = 77;
     uint32_t action = 0;
@@ -108,7 +110,9 @@ class ScriptedHost {
         {
             std::lock_guard lock(m_mutex);
             m_sent.push_back(r);
+            const unsigned nth = ++m_counts[r.command];
             if (auto it = status.find(r.command); it != status.end()) st = it->second;
+            if (auto it = nthStatus.find({r.command, nth}); it != nthStatus.end()) st = it->second;
         }
         dnd::init_message(reply, dnd::kMessageSize, r.command, r.workerId);
         le::put32(reply, dnd::kOffStatus, st);
@@ -118,7 +122,7 @@ class ScriptedHost {
             le::put64(reply, dnd::kOffWorkerId, newWorker);
             le::put32(reply, dnd::kOffReplyAction, action);
         }
-        if (r.command == dnd::kCmdMoveMouse) {
+        if (r.command == dnd::kCmdMoveMouse && st == 0) {
             platform::post_pointer_event(r.x, r.y, r.state == 0 ? 0 : 1);
             if (afterMove) afterMove(r);
         }
@@ -134,6 +138,7 @@ class ScriptedHost {
 
     std::mutex m_mutex;
     std::vector<SentRecord> m_sent;
+    std::map<uint32_t, unsigned> m_counts;
 };
 
 // A job the pool started, as its record described it.

@@ -60,11 +60,17 @@ void NSWindow::draggedTypesChanged() {
 }
 
 void NSWindow::setFrame(NSRect frameRect, BOOL flag) {
+    m_calls.push_back("setFrame:display:");
     m_frame = frameRect;
     if (m_contentView)
         m_contentView->setFrame(NSMakeRect(0, 0, frameRect.size.width, frameRect.size.height));
     publish();
-    if (flag) display();
+    if (flag) ++m_displayCount;
+}
+
+void NSWindow::display() {
+    m_calls.push_back("display");
+    ++m_displayCount;
 }
 
 void NSWindow::setLevel(NSWindowLevel level) {
@@ -89,20 +95,25 @@ void NSWindow::setIgnoresMouseEvents(BOOL flag) {
 }
 
 void NSWindow::makeKeyAndOrderFront(id) {
-    orderFront(nullptr);
+    m_calls.push_back("makeKeyAndOrderFront:");
+    m_visible = YES;
+    platform::window_server_order(m_number, platform::Ordering::Front);
 }
 
 void NSWindow::orderFront(id) {
+    m_calls.push_back("orderFront:");
     m_visible = YES;
     platform::window_server_order(m_number, platform::Ordering::Front);
 }
 
 void NSWindow::orderBack(id) {
+    m_calls.push_back("orderBack:");
     m_visible = YES;
     platform::window_server_order(m_number, platform::Ordering::Back);
 }
 
 void NSWindow::orderOut(id) {
+    m_calls.push_back("orderOut:");
     m_visible = NO;
     platform::window_server_order(m_number, platform::Ordering::Out);
 }

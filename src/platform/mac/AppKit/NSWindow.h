@@ -1,6 +1,9 @@
 // AppKit stand-in, window part: windows of this process on the desktop's window server.
 #pragma once
 
+#include <string>
+#include <vector>
+
 #include <AppKit/NSResponder.h>
 #include <Foundation/NSGeometry.h>
 #include <Foundation/NSObjCRuntime.h>
@@ -64,8 +67,10 @@ class NSWindow : public NSResponder {
     void orderBack(id sender);
     void orderOut(id sender);
     BOOL isVisible() const { return m_visible; }
-    void display() { ++m_displayCount; }
+    void display();
     NSUInteger displayCount() const { return m_displayCount; }
+    // Tests only: the ordering and display calls made, by selector name, in order.
+    const std::vector<std::string>& calls() const { return m_calls; }
 
   private:
     void publish();
@@ -82,4 +87,5 @@ class NSWindow : public NSResponder {
     BOOL m_mouseEventsSet = NO;
     BOOL m_visible = NO;
     NSUInteger m_displayCount = 0;
+    std::vector<std::string> m_calls;
 };
