@@ -313,4 +313,92 @@ TEST_F(DragProcessTest, QvxhostTakesACopyThenAMoveThatDeletesTheGuestOriginals) 
     EXPECT_EQ(stop(m_hostPid), std::optional<int>(0));
 }
 
+// The host fails the move that follows the press: the tool has the pointer released where
+// it pressed, which ends its drag, and ends the operation. The next drop lands its own
+// tree, received under its own worker.
+TEST_F(DragProcessTest, FailedMoveAfterThePressLeavesNothingBehindForTheNextDrop) {
+    ASSERT_NO_FATAL_FAILURE(start_with_host());
+    m_host->fail_nth(275, 2, 9);
+    const std::string folder = m_root / "guest/in";
+    qvxtest::make_dirs(folder);
+    open_window(folder, {0, 0, 500, 400});
+    std::shared_ptr<hostsim::TreeSource> sources[2];
+    for (const uint64_t worker : {7u, 17u}) {
+        const std::string from = m_root / ("host/out" + std::to_string(worker));
+        qvxtest::write_file(from + "/only" + std::to_string(worker) + ".txt", "tree");
+        std::vector<hostsim::SourceItem> items;
+        ASSERT_TRUE(hostsim::list_folder(from, items));
+        auto& source = sources[worker == 7 ? 0 : 1];
+        source = std::make_shared<hostsim::TreeSource>(items);
+        hostsim::DropPlan plan;
+        plan.x = 400;
+        plan.y = 1200;
+        plan.workerId = worker;
+        plan.transfer = [source](hostsim::Exchange& ex) { return source->answer(ex); };
+        m_player->drop(plan);
+        ASSERT_TRUE(m_host->trace().wait_for_line(
+            "host->guest 260 status=0 worker=" + std::to_string(worker), 30s));
+    }
+    EXPECT_EQ(sent_for(7),
+              (Strings{"263 id=0 code=0 text=\"\"", "278", "279", "275 x=1440 y=900 buttons=1",
+                       "275 x=402 y=1200 buttons=2", "263 id=4 code=12 text=\"\"",
+                       "275 x=1440 y=900 buttons=0", "280", "260"}));
+    EXPECT_EQ(count_lines(sent_for(17), "260"), 1u);
+    EXPECT_EQ(sources[1]->ends(), 1u);
+    EXPECT_EQ(qvxtest::tree_differences(m_root / "host/out17", folder, true), Strings{});
+    EXPECT_TRUE(overlay_hidden_within(5s));
+    EXPECT_EQ(stop(m_pid), std::optional<int>(0));
+}
+
+// SIGTERM while the tool's own drag holds the pointer (between the moves of a host drop),
+// and while the host is answering a guest drag's file list: the tool stops within half a
+// second, and every operation and job ends with exactly one 260.
+TEST_F(DragProcessTest, StopInTheMiddleOfEitherDragIsPromptAndEndsEveryOperationOnce) {
+    for (const bool intoGuest : {true, false}) {
+        SCOPED_TRACE(intoGuest);
+        ASSERT_NO_FATAL_FAILURE(start_with_host());
+        const std::string out = m_root / ("guest/out" + std::to_string(intoGuest));
+        qvxtest::write_file(out + "/a.txt", "alpha");
+        qvxtest::write_file(out + "/b.txt", "beta");
+        const json window = open_window(out, {700, 300, 400, 300});
+        std::optional<hostsim::TreeSink> sink;
+        std::string wait;
+        if (intoGuest) {
+            hostsim::DropPlan plan;
+            plan.x = 1800;
+            plan.y = 700;
+            plan.workerId = 7;
+            m_player->drop(plan);
+            wait = "guest->host 275 move-mouse worker=7 x=1802";  // the pause after it
+        } else {
+            hostsim::SinkOptions options;
+            options.folder = m_root / "host/in";
+            sink.emplace(*m_host, options);
+            hostsim::GuestDragPlan plan;
+            plan.workerId = 8;
+            plan.newWorkerId = 9;
+            plan.transfer = sink->endpoint(9);
+            m_player->guest_drag(plan);
+            m_host->delay_reply(258, 1, 150ms);
+            drag_out(window, {out + "/a.txt", out + "/b.txt"});
+            wait = "guest->host 258";
+        }
+        ASSERT_TRUE(m_host->trace().wait_for_line(wait, 30s));
+        const auto sent = Clock::now();
+        EXPECT_EQ(stop(m_pid), std::optional<int>(0));
+        EXPECT_LT(Clock::now() - sent, 500ms);
+        EXPECT_TRUE(m_host->tool_stopped());
+        for (const uint64_t worker :
+             intoGuest ? std::vector<uint64_t>{7} : std::vector<uint64_t>{8, 9})
+            EXPECT_EQ(count_lines(sent_for(worker), "260"), 1u) << worker;
+        if (sink) {
+            const auto result = sink->result(9);
+            ASSERT_TRUE(result);
+            EXPECT_EQ(result->state, hostsim::SinkResult::State::Done) << result->refusal;
+        }
+        m_player.reset();
+        m_host->stop();
+    }
+}
+
 }  // namespace
