@@ -56,8 +56,8 @@ void* control_thread_main(void* arg) {
     return nullptr;
 }
 
-constexpr StopSignalOps kRealStopSignalOps{::pipe2, pthread_create};
-const StopSignalOps* g_stopSignalOps = &kRealStopSignalOps;
+constexpr StartupOps kRealStartupOps{::pipe2, pthread_create};
+const StartupOps* g_startupOps = &kRealStartupOps;
 
 // The stop signals reach the main run loop through a pipe and a relay thread: posting a
 // block allocates and takes the run loop's lock, and creating a thread does too, none of
@@ -98,7 +98,7 @@ void* relay_thread(void*) {
 // a fresh process) would most likely fail the launch too. The exit status is 1 so that
 // whoever started the tool can tell and try again.
 bool install_stop_signals() {
-    if (g_stopSignalOps->pipe2(g_signalPipe, O_CLOEXEC) != 0) {
+    if (g_startupOps->pipe2(g_signalPipe, O_CLOEXEC) != 0) {
         log_message(kTag, kComponent, 0,
                     "Can't create the stop signal pipe (errno %d); DnD tool not started", errno);
         g_signalPipe[0] = g_signalPipe[1] = -1;
@@ -110,7 +110,7 @@ bool install_stop_signals() {
         // The relay must never take a stop signal itself: it is the one that would have to
         // pass it on.
         const ScopedSignalBlock block({SIGINT, SIGTERM});
-        rc = g_stopSignalOps->createThread(&g_relayThread, nullptr, relay_thread, nullptr);
+        rc = g_startupOps->createThread(&g_relayThread, nullptr, relay_thread, nullptr);
     }
     if (rc != 0) {
         log_message(kTag, kComponent, 0,
@@ -193,8 +193,8 @@ uint32_t query_os_version() {
 
 }  // namespace
 
-void set_stop_signal_ops(const StopSignalOps* ops) {
-    g_stopSignalOps = ops ? ops : &kRealStopSignalOps;
+void set_startup_ops(const StartupOps* ops) {
+    g_startupOps = ops ? ops : &kRealStartupOps;
 }
 
 uint32_t os_version() {
@@ -234,7 +234,8 @@ void AppDelegate::applicationWillFinishLaunching(NSNotification*) {
                 // SIGINT stays open: the stop sequence ends the thread's wait with it. A
                 // SIGTERM for the process goes to the main thread.
                 const ScopedSignalBlock block({SIGTERM});
-                rc = pthread_create(&g_controlThread, nullptr, control_thread_main, g_communicator);
+                rc = g_startupOps->createThread(&g_controlThread, nullptr, control_thread_main,
+                                                g_communicator);
             }
             if (rc != 0)
                 log_message(kTag, kComponent, 0, "Can't create control thread");

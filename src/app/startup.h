@@ -38,13 +38,14 @@ void stop_sequence();
 // stop signals could not be set up (logged), in which case nothing was started.
 int dragdrop_main();
 
-// Tests only: the calls that set up the stop signals' pipe and relay thread.
-struct StopSignalOps {
+// Tests only: the calls that make the stop signals' pipe, and the threads of the start (the
+// signal relay, then the control thread).
+struct StartupOps {
     int (*pipe2)(int fds[2], int flags);
     int (*createThread)(pthread_t* thread, const pthread_attr_t* attr, void* (*start)(void*),
                         void* arg);
 };
 // Installs replacements; nullptr restores the real calls.
-void set_stop_signal_ops(const StopSignalOps* ops);
+void set_startup_ops(const StartupOps* ops);
 
 }  // namespace qvx

@@ -19,6 +19,7 @@
 #include "hostsim/host.h"
 #include "support/log_capture.h"
 #include "support/private_root.h"
+#include "ui/overlay.h"
 
 namespace qvx {
 namespace {
@@ -104,15 +105,15 @@ TEST_F(StopSignalsTest, WithoutPipeOrRelayThreadTheToolSaysSoAndDoesNotStart) {
     hostsim::Host host;  // the toolgate is there: only the signal set-up fails
     ASSERT_TRUE(host.start());
     qvxtest::LogCapture log;
-    const StopSignalOps noPipe{[](int*, int) {
-                                   errno = EMFILE;
-                                   return -1;
-                               },
-                               pthread_create};
-    const StopSignalOps noThread{
+    const StartupOps noPipe{[](int*, int) {
+                                errno = EMFILE;
+                                return -1;
+                            },
+                            pthread_create};
+    const StartupOps noThread{
         ::pipe2, [](pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) { return EAGAIN; }};
     struct Case {
-        const StopSignalOps* ops;
+        const StartupOps* ops;
         const char* line;
     };
     const Case cases[] = {
@@ -124,9 +125,9 @@ TEST_F(StopSignalsTest, WithoutPipeOrRelayThreadTheToolSaysSoAndDoesNotStart) {
         SCOPED_TRACE(c.line);
         log.clear();
         const int freeFd = lowest_free_fd();
-        set_stop_signal_ops(c.ops);
+        set_startup_ops(c.ops);
         EXPECT_EQ(dragdrop_main(), 1);
-        set_stop_signal_ops(nullptr);
+        set_startup_ops(nullptr);
         EXPECT_EQ(log.count(c.line), 1u);
         EXPECT_EQ(log.lines().size(), 1u);
         EXPECT_EQ(lowest_free_fd(), freeFd);  // the pipe of the second case is closed again
@@ -135,6 +136,29 @@ TEST_F(StopSignalsTest, WithoutPipeOrRelayThreadTheToolSaysSoAndDoesNotStart) {
         EXPECT_EQ(term.sa_handler, SIG_DFL);
         EXPECT_EQ(host.request_count(), 0u);  // never registered: nothing to take back
     }
+}
+
+// The control thread's first command may be a drag that starts a job, so the drags have
+// the pool before the thread exists. A launch that cannot make the thread undoes itself.
+TEST_F(StopSignalsTest, ControlThreadStartsWithThePoolAndALaunchWithoutItUndoesItself) {
+    hostsim::Host host;
+    ASSERT_TRUE(host.start());
+    qvxtest::LogCapture log;
+    static std::vector<bool> poolThere;  // at each thread the start makes
+    const StartupOps noControlThread{
+        ::pipe2,
+        [](pthread_t* thread, const pthread_attr_t* attr, void* (*start)(void*), void* arg) {
+            poolThere.push_back(g_dragPool != nullptr);
+            return poolThere.size() == 2 ? EAGAIN : pthread_create(thread, attr, start, arg);
+        }};
+    set_startup_ops(&noControlThread);
+    EXPECT_EQ(dragdrop_main(), 0);
+    set_startup_ops(nullptr);
+    EXPECT_EQ(poolThere, (std::vector<bool>{false, true}));  // the relay, the control thread
+    EXPECT_EQ(log.count("[DNDTOOL] Can't create control thread"), 1u);
+    EXPECT_EQ(g_dragPool, nullptr);
+    EXPECT_EQ(g_pool, nullptr);
+    EXPECT_EQ(g_communicator, nullptr);
 }
 
 }  // namespace
