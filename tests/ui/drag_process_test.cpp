@@ -77,6 +77,17 @@ class DragProcessTest : public qvxtest::ProgramRootTest {
         return qvxtest::wait_exit(pid, 15s);
     }
 
+    // The host drops `source`'s tree (none: answers 0) at host pixels (x, y) for `worker`.
+    void play_drop(uint64_t worker, std::shared_ptr<hostsim::TreeSource> source, uint32_t x = 400,
+                   uint32_t y = 1200) {
+        hostsim::DropPlan plan;
+        plan.x = x;
+        plan.y = y;
+        plan.workerId = worker;
+        if (source) plan.transfer = [source](hostsim::Exchange& ex) { return source->answer(ex); };
+        m_player->drop(plan);
+    }
+
     json ask(const json& request) {
         auto reply = m_desk.Request(request);
         EXPECT_TRUE(reply && reply->value("ok", false)) << request.dump();
@@ -159,12 +170,7 @@ TEST_F(DragProcessTest, HostDropsCopyEveryKindOfItemIntoTheFolderWindow) {
         const json window = open_window(folder, {0, 0, 500, 400});
         auto source = std::make_shared<hostsim::TreeSource>(items);
         // Host pixels (400, 1200) at scale 2 are the point (200, 300) of the window system.
-        hostsim::DropPlan plan;
-        plan.x = 400;
-        plan.y = 1200;
-        plan.workerId = worker;
-        plan.transfer = [source](hostsim::Exchange& ex) { return source->answer(ex); };
-        m_player->drop(plan);
+        play_drop(worker, source);
         const std::string w = " worker=" + std::to_string(worker);
         ASSERT_TRUE(m_host->trace().wait_for_line("host->guest 260 status=0" + w, 30s));
         ASSERT_TRUE(m_host->trace().wait_for_line("guest->host 280 transfer-start" + w, 5s));
@@ -322,20 +328,14 @@ TEST_F(DragProcessTest, FailedMoveAfterThePressLeavesNothingBehindForTheNextDrop
     const std::string folder = m_root / "guest/in";
     qvxtest::make_dirs(folder);
     open_window(folder, {0, 0, 500, 400});
-    std::shared_ptr<hostsim::TreeSource> sources[2];
+    std::shared_ptr<hostsim::TreeSource> source;
     for (const uint64_t worker : {7u, 17u}) {
         const std::string from = m_root / ("host/out" + std::to_string(worker));
         qvxtest::write_file(from + "/only" + std::to_string(worker) + ".txt", "tree");
         std::vector<hostsim::SourceItem> items;
         ASSERT_TRUE(hostsim::list_folder(from, items));
-        auto& source = sources[worker == 7 ? 0 : 1];
         source = std::make_shared<hostsim::TreeSource>(items);
-        hostsim::DropPlan plan;
-        plan.x = 400;
-        plan.y = 1200;
-        plan.workerId = worker;
-        plan.transfer = [source](hostsim::Exchange& ex) { return source->answer(ex); };
-        m_player->drop(plan);
+        play_drop(worker, source);
         ASSERT_TRUE(m_host->trace().wait_for_line(
             "host->guest 260 status=0 worker=" + std::to_string(worker), 30s));
     }
@@ -344,7 +344,7 @@ TEST_F(DragProcessTest, FailedMoveAfterThePressLeavesNothingBehindForTheNextDrop
                        "275 x=402 y=1200 buttons=2", "263 id=4 code=12 text=\"\"",
                        "275 x=1440 y=900 buttons=0", "280", "260"}));
     EXPECT_EQ(count_lines(sent_for(17), "260"), 1u);
-    EXPECT_EQ(sources[1]->ends(), 1u);
+    EXPECT_EQ(source->ends(), 1u);
     EXPECT_EQ(qvxtest::tree_differences(m_root / "host/out17", folder, true), Strings{});
     EXPECT_TRUE(overlay_hidden_within(5s));
     EXPECT_EQ(stop(m_pid), std::optional<int>(0));
@@ -364,11 +364,7 @@ TEST_F(DragProcessTest, StopInTheMiddleOfEitherDragIsPromptAndEndsEveryOperation
         std::optional<hostsim::TreeSink> sink;
         std::string wait;
         if (intoGuest) {
-            hostsim::DropPlan plan;
-            plan.x = 1800;
-            plan.y = 700;
-            plan.workerId = 7;
-            m_player->drop(plan);
+            play_drop(7, nullptr, 1800, 700);
             wait = "guest->host 275 move-mouse worker=7 x=1802";  // the pause after it
         } else {
             hostsim::SinkOptions options;
