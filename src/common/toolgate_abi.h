@@ -10,11 +10,10 @@ namespace toolgate {
 inline constexpr uint32_t kRequestDnD = 0x8304;          // one DnD message exchange
 inline constexpr uint32_t kRequestToolService = 0x8050;  // one tool service request
 
+// The u16 inline size at +8 (unused by DnD) and the u32 at +12 stay zero.
 inline constexpr size_t kOffCode = 0;
 inline constexpr size_t kOffStatus = 4;
-inline constexpr size_t kOffInlineSize = 8;    // u16, reserved for DnD
 inline constexpr size_t kOffBufferCount = 10;  // u16
-inline constexpr size_t kOffReserved = 12;
 inline constexpr size_t kHeaderSize = 16;
 
 // Buffer descriptor i starts at kHeaderSize + i * kDescriptorSize.

@@ -25,8 +25,10 @@
 #include "common/byte_order.h"
 #include "common/signal_block.h"
 #include "common/toolgate_abi.h"
+#include "log/log.h"
 #include "platform/sim/platform_root.h"
 #include "platform/sim/toolgate_frames.h"
+#include "support/log_capture.h"
 #include "support/private_root.h"
 #include "support/temp_dir.h"
 #include "toolservice/transport.h"
@@ -235,7 +237,7 @@ TEST_F(IOKitTest, BrokenRepliesFailTheCallWithoutWritingPastTheBufferAndTheNextC
     uint32_t status = 0;
     for (int i = 0; i < 3; ++i) {
         EXPECT_LT(call_dnd(connect, out, reply, status), 0) << "round " << i;
-        EXPECT_EQ(status, toolgate::kStatusUnset);
+        EXPECT_EQ(status, 0xFFFFFFFFu);  // unset
     }
     for (size_t i = 2196; i < reply.size(); ++i) ASSERT_EQ(reply[i], 0) << i;
     EXPECT_EQ(call_dnd(connect, out, reply, status), kIOReturnSuccess);
@@ -322,7 +324,7 @@ TEST_F(IOKitTest, SignalEndsTheWaitForAReplyAndItsSocketUnlessTheThreadBlocksIt)
     std::chrono::milliseconds took{};
     EXPECT_EQ(call_under_signals(call, false, took), kIOReturnAborted);
     hold.release();
-    EXPECT_EQ(status, toolgate::kStatusUnset);
+    EXPECT_EQ(status, 0xFFFFFFFFu);  // unset
     EXPECT_GT(g_handled, 0);
     EXPECT_LT(took.count(), 2000);
     // The aborted call's socket is closed: a late reply on it would answer the next call.
@@ -375,7 +377,7 @@ TEST_F(IOKitTest, LargeReplyArrivesWholeAndASignalEndsAWaitInMidReply) {
     EXPECT_EQ(
         call_under_signals([&] { return call_dnd(connect, out, reply, status); }, false, took),
         kIOReturnAborted);
-    EXPECT_EQ(status, toolgate::kStatusUnset);
+    EXPECT_EQ(status, 0xFFFFFFFFu);  // unset
     EXPECT_LT(took.count(), 2000);
     stall = false;
     hold.release();
@@ -439,6 +441,27 @@ TEST_F(IOKitTest, ToolServiceProbeRetriesABusyDriverOnly) {
         qvx::service_close(&handle);
         EXPECT_EQ(peer.requests(), c.requests);
     }
+}
+
+// The tool names the suspended status (0xF0000020) when it ends a DnD exchange.
+TEST_F(IOKitTest, SuspendedDnDExchangeIsLoggedAsSuch) {
+    RawPeer peer(
+        "QvxPCIToolGate",
+        [](const std::vector<uint8_t>&) -> std::optional<std::vector<uint8_t>> {
+            std::vector<uint8_t> out(toolgate::reply_header_bytes(2));
+            const uint32_t written[2] = {};
+            toolgate::encode_reply_header(out.data(), 0xF0000020, written, 2);
+            return out;
+        },
+        1 << 16);
+    qvxtest::LogCapture log;
+    qvx::log_set_verbosity(1);
+    qvx::CommonMacCommunicator communicator;
+    std::vector<uint8_t> out(2196), reply(2196);
+    qvx::le::put32(out.data(), 0, 259);
+    EXPECT_FALSE(qvx::SendDnDCommand(&communicator, out.data(), 2196, reply.data(), 2196));
+    qvx::log_set_verbosity(-1);
+    EXPECT_TRUE(log.contains("DnD command [259] finished with status suspended"));
 }
 
 }  // namespace
