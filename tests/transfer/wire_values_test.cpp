@@ -95,9 +95,14 @@ TEST(WireValues, ReceivedItemsTakeTheLockModeAndCreationDateAndIgnoreOtherBits) 
         return i;
     };
     // 0x2 (invisible) is the guest's to send; the receiver applies no bit but the lock.
+    // A locked folder is created: only 0x20000 keeps a folder from being made.
+    hostsim::SourceItem lockedFolder = folder(u"\\lockedfolder");
+    lockedFolder.attributes = 0x10 | 0x1;
     SourceHost host({item(u"\\locked", 0x1, 1), item(u"\\other", 0x2 | 0x4 | 0x8, 1),
-                     item(u"\\nomode", 0, 0), end_of(1)});
+                     item(u"\\nomode", 0, 0), lockedFolder, end_of(2), end_of(1)});
     ASSERT_EQ(qvx::receive_tree(host.context(), dir / "dest"), 1u);
+    EXPECT_EQ(xattr(dir / "dest/lockedfolder", "user.quorvex.nodeflags"),
+              std::string("\x01\x00", 2));
 
     const struct {
         const char* name;
